@@ -157,6 +157,9 @@ static inline uint32_t qel_msg_data_len(const qel_msg *msg) QEL_NOEXCEPT {
 /* A block of @size bytes, uninitialised, from malloc(). Never null: without memory the caller sleeps 10
  * microseconds and tries again, without limit. Give it back with free(). */
 static inline void *qel_malloc(size_t size) QEL_NOEXCEPT {
+#if defined(__STRICT_ANSI__) && !defined(__cplusplus)
+    extern int usleep(unsigned int); /* <unistd.h> hides it from strict C11 */
+#endif
     void *p = malloc(size);
     while (p == NULL) {
         usleep(10);
