@@ -1,0 +1,26 @@
+# What `cmake --install` gives: header, shared library, pkg-config and CMake package, programs, man pages,
+# and the files by which a system starts the daemon.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS qel EXPORT qelTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY include/qel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+foreach(program qeld qel-fabric)
+    if(TARGET ${program})
+        install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    endif()
+endforeach()
+
+configure_file(cmake/qel.pc.in qel.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qel)
+install(EXPORT qelTargets NAMESPACE qel:: DESTINATION ${package_dir})
+write_basic_package_version_file(qelConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES cmake/qelConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/qelConfigVersion.cmake
+    DESTINATION ${package_dir})
+
+foreach(section 1 3 5 7 8)
+    file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${section})
+    if(pages)
+        install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+    endif()
+endforeach()
