@@ -13,7 +13,7 @@ set(warnings
     -Wimplicit-fallthrough
     -Wformat=2 -Wno-format-nonliteral # the log functions hand formats on; callers are checked by attribute
 )
-set(warnings_cxx -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi -Wzero-as-null-pointer-constant)
+set(warnings_cxx -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     list(APPEND warnings -Wduplicated-cond -Wlogical-op)
 else()
@@ -30,7 +30,7 @@ target_compile_definitions(qel_tool_flags INTERFACE _GNU_SOURCE)
 target_link_libraries(qel_tool_flags INTERFACE qel_link_flags)
 
 target_link_libraries(qel_test_flags INTERFACE qel_tool_flags)
-target_compile_options(qel_test_flags INTERFACE $<$<CONFIG:Release>:-O0> -Wno-zero-as-null-pointer-constant)
+target_compile_options(qel_test_flags INTERFACE $<$<CONFIG:Release>:-O0>)
 
 target_link_libraries(qel_product_flags INTERFACE qel_tool_flags)
 target_compile_options(qel_product_flags INTERFACE
