@@ -9,7 +9,8 @@ void qel_assert_fail(const char *expression, const char *file, int line) noexcep
     char text[512];
     const int len = snprintf(text, sizeof text, "%s:%d: assertion failed: \"%s\"\n", file, line, expression);
     if (len > 0) {
-        const size_t size = static_cast<size_t>(len) < sizeof text ? static_cast<size_t>(len) : sizeof text - 1;
+        const size_t size =
+            static_cast<size_t>(len) < sizeof text ? static_cast<size_t>(len) : sizeof text - 1;
         [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text, size);
     }
     abort();

@@ -9,8 +9,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <endian.h>
 #include <new>
@@ -210,7 +210,9 @@ template <class T, size_t Offset> class qel_list {
     static qel_link *hook(T *item) noexcept {
         return reinterpret_cast<qel_link *>(reinterpret_cast<char *>(item) + Offset);
     }
-    static T *owner(qel_link *l) noexcept { return reinterpret_cast<T *>(reinterpret_cast<char *>(l) - Offset); }
+    static T *owner(qel_link *l) noexcept {
+        return reinterpret_cast<T *>(reinterpret_cast<char *>(l) - Offset);
+    }
     static void insert(qel_link *before, T *item) noexcept {
         qel_link *l = hook(item);
         QEL_ASSERT(l->next == nullptr);

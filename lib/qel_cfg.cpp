@@ -294,8 +294,8 @@ int qel_get_app_mc_cfg(uint32_t group_id, qel_app_mc_cfg *record) noexcept {
         char printed[QEL_APP_GROUP_MBRS * 12 + 1] = "";
         size_t len = 0;
         for (uint32_t i = 0; i < record->member_count; i++)
-            len += static_cast<size_t>(snprintf(printed + len, sizeof printed - len, "%d ",
-                                                static_cast<int>(record->members[i])));
+            len += static_cast<size_t>(
+                snprintf(printed + len, sizeof printed - len, "%d ", static_cast<int>(record->members[i])));
         QEL_VERBOSE("QEL get app multi-cast config OK: id [0x%08x] name [%s] members [%s] comment [%s].\n",
                     group_id, record->name, printed, record->comment);
         return 0;

@@ -91,7 +91,8 @@ void qel_dm_remove_obsolete_files(const char *dir, const char *prefix) noexcept 
         old_file &f = files[count];
         const int len = snprintf(f.path, sizeof f.path, "%s/%s", dir, entry->d_name);
         struct stat st;
-        if (len < 0 || static_cast<size_t>(len) >= sizeof f.path || lstat(f.path, &st) != 0 || !S_ISREG(st.st_mode))
+        if (len < 0 || static_cast<size_t>(len) >= sizeof f.path || lstat(f.path, &st) != 0 ||
+            !S_ISREG(st.st_mode))
             continue;
         f.modified = st.st_mtim;
         count++;
@@ -265,8 +266,8 @@ void qel_dm_record_stat() noexcept {
         failed = "truncate";
     else if (fseek(g_qel_stat_fp, 0, SEEK_SET) != 0)
         failed = "seek";
-    else if (fwrite(when, 1, time_len, g_qel_stat_fp) != time_len || fwrite(pb_text(), 1, len, g_qel_stat_fp) != len ||
-             fflush(g_qel_stat_fp) != 0)
+    else if (fwrite(when, 1, time_len, g_qel_stat_fp) != time_len ||
+             fwrite(pb_text(), 1, len, g_qel_stat_fp) != len || fflush(g_qel_stat_fp) != 0)
         failed = "write";
     error = errno;
     if (!failed) {

@@ -27,7 +27,7 @@ void qel_dm_close_files() noexcept;
 
 // ---- the print buffer -----------------------------------------------------------------------------------
 
-constexpr size_t qel_pb_size = 16384;                             // of the message object, link included
+constexpr size_t qel_pb_size = 16384;                               // of the message object, link included
 constexpr uint32_t qel_pb_len_max = qel_pb_size - sizeof(qel_link); // largest header-and-data length
 
 // Held from reset to reply or record, so that two threads that print do not mix their texts. Taken before

@@ -22,8 +22,8 @@ extern std::atomic<uint32_t> g_qel_dbg_level;
 extern std::atomic<uint32_t> g_qel_log_level;
 
 inline bool qel_log_enabled(qel_level level) noexcept {
-    const uint32_t mask = g_qel_dbg_level.load(std::memory_order_relaxed) |
-                          g_qel_log_level.load(std::memory_order_relaxed);
+    const uint32_t mask =
+        g_qel_dbg_level.load(std::memory_order_relaxed) | g_qel_log_level.load(std::memory_order_relaxed);
     return __builtin_expect((mask >> level & 1) != 0, 0);
 }
 

@@ -30,11 +30,10 @@ const char *qel_reply_stat_string(uint32_t status) noexcept {
 }
 
 const char *qel_msg_type_string(uint32_t type) noexcept {
-    static constexpr const char *texts[] = {"processed message num ack", "sync instance",
-                                            "sync instance ack",         "debug switch command",
-                                            "application information",   "application statistics",
-                                            "application ping",          "application ping echo",
-                                            "reload application"};
+    static constexpr const char *texts[] = {
+        "processed message num ack", "sync instance",           "sync instance ack",
+        "debug switch command",      "application information", "application statistics",
+        "application ping",          "application ping echo",   "reload application"};
     return text_of(texts, type);
 }
 

@@ -20,8 +20,9 @@ static int kernel_socket(int domain, int type, int protocol) {
     if (fd < 0 && errno == EAFNOSUPPORT) {
         static std::atomic<bool> told{false};
         if (!told.exchange(true, std::memory_order_relaxed)) {
-            fputs("qel: this kernel has no TIPC: load the module (modprobe tipc), or set QEL_TRANSPORT=local\n",
-                  stderr);
+            fputs(
+                "qel: this kernel has no TIPC: load the module (modprobe tipc), or set QEL_TRANSPORT=local\n",
+                stderr);
             errno = EAFNOSUPPORT;
         }
     }

@@ -92,9 +92,9 @@ static inline int qel_is_node_group(uint32_t id) QEL_NOEXCEPT {
 
 /* ---- messages -------------------------------------------------------------------------------------------- */
 
-#define QEL_VERSION 1           /* header byte 0 */
-#define QEL_MSG_DATA_MAX 65536  /* bytes of data in one message */
-#define QEL_MSG_HDR_LEN 36      /* bytes of header */
+#define QEL_VERSION 1          /* header byte 0 */
+#define QEL_MSG_DATA_MAX 65536 /* bytes of data in one message */
+#define QEL_MSG_HDR_LEN 36     /* bytes of header */
 
 /* Bits of the header's flags byte. The library sets them; an application only reads them. */
 #define QEL_FLAG_SYNC 0x01    /* instance synchronisation; never reaches an application */
@@ -292,9 +292,11 @@ QEL_API int qel_is_app_online(uint32_t node, uint32_t app) QEL_NOEXCEPT;
 
 /* ---- sending --------------------------------------------------------------------------------------------- */
 
-#define QEL_SEND_NOWAIT 0x1u   /* return -11 where flow control would make the caller wait; the socket itself
-                                  may still hold the caller up for a moment on a congested link */
-#define QEL_SEND_NOT_SELF 0x4u /* leave out the sender's own instance on this node */
+/* QEL_SEND_NOWAIT: return -11 where flow control would make the caller wait; the socket itself may still hold the
+ * caller up for a moment on a congested link. QEL_SEND_NOT_SELF: leave out the sender's own instance on this
+ * node. */
+#define QEL_SEND_NOWAIT 0x1u
+#define QEL_SEND_NOT_SELF 0x4u
 
 /* Sends @msg to every server instance of @dst (an application, 0 or an application group) on whatever node.
  * Flow control admits at most 1025 unacknowledged messages towards any instance of an application; the call
@@ -310,7 +312,8 @@ QEL_API int qel_sendto(uint32_t app_id, uint32_t dst_app, int32_t dst_node, qel_
 
 /* The applications that @dst stands for, as a list of 16 with 0 for empty slots. 0, or -22 when @dst is no
  * destination. A group unknown to @app_id gives an empty list. */
-QEL_API int qel_get_app_mbrs(uint32_t app_id, uint32_t dst, uint32_t members[QEL_APP_GROUP_MBRS]) QEL_NOEXCEPT;
+QEL_API int qel_get_app_mbrs(uint32_t app_id, uint32_t dst,
+                             uint32_t members[QEL_APP_GROUP_MBRS]) QEL_NOEXCEPT;
 
 /* The nodes that @dst_node stands for, as a list of 64 in which values above 65535 are empty slots. 0 or -22. */
 QEL_API int qel_get_node_mbrs(uint32_t app_id, int32_t dst_node,
