@@ -10,6 +10,8 @@ foreach(program qeld qel-fabric)
     endif()
 endforeach()
 
+# Relative to the file's own place, so that the tree may be installed or moved anywhere.
+file(RELATIVE_PATH QEL_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/qel.pc.in qel.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qel)
