@@ -78,6 +78,22 @@ qel_cond_step qel_cond::init(int &error) noexcept {
 // prctl cuts a longer name where pthread_setname_np would refuse it.
 void qel_thread_set_name(const char *name) noexcept { (void)prctl(PR_SET_NAME, name, 0, 0, 0); }
 
+void qel_gate::decide(decision d) noexcept {
+    qel_lock lock(mutex);
+    decided = d;
+    const int ret = pthread_cond_broadcast(&cond);
+    QEL_ASSERT(ret == 0);
+}
+
+bool qel_gate::wait() noexcept {
+    qel_lock lock(mutex);
+    while (decided == decision::none) {
+        const int ret = pthread_cond_wait(&cond, &mutex.m);
+        QEL_ASSERT(ret == 0);
+    }
+    return decided == decision::open;
+}
+
 int qel_fd::errno_value() noexcept { return errno; }
 void qel_fd::set_errno(int value) noexcept { errno = value; }
 

@@ -140,6 +140,16 @@ struct qel_cond { // constant-initialised; init() puts it on CLOCK_MONOTONIC
 // Names the calling thread; the kernel keeps 15 characters.
 void qel_thread_set_name(const char *name) noexcept;
 
+// Holds a new thread back until its maker has decided whether it is wanted.
+struct qel_gate {
+    enum class decision { none, open, give_up };
+    void decide(decision d) noexcept QEL_EXCLUDES(mutex);
+    bool wait() noexcept QEL_EXCLUDES(mutex); // true: go on; false: end
+    qel_mutex mutex;
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    decision decided QEL_GUARDED_BY(mutex) = decision::none;
+};
+
 // ---- a descriptor with an owner -------------------------------------------------------------------------
 struct qel_fd {
     qel_fd() = default;
