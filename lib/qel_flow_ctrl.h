@@ -36,7 +36,8 @@ void qel_fc_update_recv_ok(uint32_t peer_app, uint32_t peer_node, uint32_t app_i
 void qel_fc_update_recv_drop(uint32_t peer_app, uint32_t peer_node, uint32_t app_id, uint32_t count) noexcept;
 void qel_fc_update_recv_retdata(uint32_t peer_app, uint32_t peer_node, uint32_t app_id) noexcept;
 void qel_fc_update_recv_exception(uint32_t app_id) noexcept;
-void qel_fc_update_sent_ack(uint32_t app_id, uint32_t peer_app, uint32_t peer_node, uint32_t ack_num) noexcept;
+void qel_fc_update_sent_ack(uint32_t app_id, uint32_t peer_app, uint32_t peer_node,
+                            uint32_t ack_num) noexcept;
 // A peer instance quit: both directions start anew, its blocked senders go on.
 void qel_fc_reset_unack(uint32_t app_id, uint32_t peer_app, uint32_t peer_node) noexcept;
 void qel_fc_ping_request(uint32_t peer_app, uint32_t peer_node, uint32_t app_id) noexcept;

@@ -14,7 +14,7 @@ template <class Group> struct qel_mc_record {
 template <class Group> struct qel_mc_groups {
     using record = qel_mc_record<Group>;
     uint32_t count = 0;
-    uint32_t next_id = 0; // where the search for the next ID starts
+    uint32_t next_id = 0;                          // where the search for the next ID starts
     qel_list<record, offsetof(record, link)> list; // in order of creation
 };
 

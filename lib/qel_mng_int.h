@@ -37,7 +37,7 @@ struct qel_unack_sync {
 
 // The process IDs that a peer instance gave in its sync and in its acknowledgement, per local application.
 struct qel_inst_sync_id {
-    qel_hash_hook by_pair{}; // key: local application, peer application, node
+    qel_hash_hook by_pair{};          // key: local application, peer application, node
     uint32_t sync_id = 0, ack_id = 0; // 0: none came yet
 };
 
@@ -132,8 +132,8 @@ void qel_app_inst_try_quit(uint32_t peer_app, uint32_t node) noexcept;
 void qel_app_inst_force_quit(uint32_t peer_app, uint32_t node) noexcept;
 // The topology server withdrew the instance's name.
 void qel_app_inst_withdrawn(uint32_t peer_app, uint32_t node) noexcept;
-void __qel_app_inst_quit(qel_comm_app *peer, uint32_t peer_app, uint32_t node, qel_event_batch &batch) noexcept
-    QEL_REQUIRES(g_lib_mutex);
+void __qel_app_inst_quit(qel_comm_app *peer, uint32_t peer_app, uint32_t node,
+                         qel_event_batch &batch) noexcept QEL_REQUIRES(g_lib_mutex);
 
 // ---- qel_mng_sync.cpp -----------------------------------------------------------------------------------
 
@@ -145,9 +145,10 @@ qel_inst_sync_id *__qel_find_inst_sync_id(uint32_t app_id, uint32_t peer_app, ui
 uint32_t qel_get_inst_sync_id(uint32_t app_id, uint32_t peer_app, uint32_t node) noexcept;
 
 void __qel_add_inst_sync_msg(qel_msg *msg) noexcept QEL_REQUIRES(g_lib_mutex); // owns @msg from now on
-qel_unack_sync *__qel_find_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node, uint32_t seq) noexcept
-    QEL_REQUIRES(g_lib_mutex);
-int qel_del_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node, uint32_t seq) noexcept; // 0 or -2
+qel_unack_sync *__qel_find_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node,
+                                         uint32_t seq) noexcept QEL_REQUIRES(g_lib_mutex);
+int qel_del_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node,
+                          uint32_t seq) noexcept; // 0 or -2
 void __qel_clear_sync_inst_msg(uint32_t peer_app, uint32_t node) noexcept QEL_REQUIRES(g_lib_mutex);
 void __qel_clear_resume_comm(uint32_t peer_app, uint32_t node) noexcept QEL_REQUIRES(g_lib_mutex);
 void qel_try_resume_comm(uint32_t peer_app, uint32_t node) noexcept;
@@ -163,9 +164,9 @@ void qel_restart_sync_timers() noexcept;
 
 // ---- qel_mng_msg.cpp ------------------------------------------------------------------------------------
 
-int32_t qel_sync_app_inst(uint32_t app_id, uint32_t node, uint32_t peer_app, bool server, uint32_t resume) noexcept
-    QEL_REQUIRES(g_lib_mutex);
-int32_t qel_sync_app_inst_ack(uint32_t app_id, uint32_t node, uint32_t peer_app, uint32_t seq, bool server) noexcept
-    QEL_EXCLUDES(g_lib_mutex);
+int32_t qel_sync_app_inst(uint32_t app_id, uint32_t node, uint32_t peer_app, bool server,
+                          uint32_t resume) noexcept QEL_REQUIRES(g_lib_mutex);
+int32_t qel_sync_app_inst_ack(uint32_t app_id, uint32_t node, uint32_t peer_app, uint32_t seq,
+                              bool server) noexcept QEL_EXCLUDES(g_lib_mutex);
 
 #endif

@@ -15,8 +15,8 @@ struct qel_rpc_wait_mgmt;
 struct qel_rpc_wait {
     qel_link link{};
     uint32_t seq = 0;
-    uint32_t timeout_s = 0;              // 0: without limit
-    int32_t count = 0;                   // of repliers, answered ones included
+    uint32_t timeout_s = 0;               // 0: without limit
+    int32_t count = 0;                    // of repliers, answered ones included
     uint32_t repliers[QEL_REPLIES_MAX]{}; // application << 16 | node; 0 once answered
     qel_reply_set *replies = nullptr;
 };
@@ -28,7 +28,8 @@ void qel_del_app_rpc_wait(qel_rpc_wait_mgmt *mgmt) noexcept;       // null is ig
 qel_rpc_wait *qel_get_rpc_wait(uint32_t app_id, uint32_t seq) noexcept;
 
 // Opens a wait. 0; -2 @app_id is not registered here; -17 it has one with this number.
-int32_t qel_rpc_prepare_wait(uint32_t app_id, uint32_t seq, uint32_t timeout_s, qel_reply_set *replies) noexcept;
+int32_t qel_rpc_prepare_wait(uint32_t app_id, uint32_t seq, uint32_t timeout_s,
+                             qel_reply_set *replies) noexcept;
 // Adds an expected replier to an open wait. 0, or -105 when it has 64.
 int32_t qel_rpc_set_wait(uint32_t app_id, uint32_t seq, uint32_t peer_app, uint32_t dst_node) noexcept;
 // Copies the @index-th replier of an open wait into @peer (0: answered by now). False behind the last, or when

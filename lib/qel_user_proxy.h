@@ -11,7 +11,9 @@
 constexpr uint32_t qel_name_type = 2303; // the one TIPC name type of the whole bus
 
 // The TIPC name instance of an application on a node.
-constexpr uint32_t qel_name_instance(uint32_t app, uint32_t node) noexcept { return app << 16 | (node & 0xFFFF); }
+constexpr uint32_t qel_name_instance(uint32_t app, uint32_t node) noexcept {
+    return app << 16 | (node & 0xFFFF);
+}
 // The TIPC name as a socket address.
 sockaddr_tipc qel_name_addr(uint32_t type, uint32_t instance) noexcept;
 
@@ -27,7 +29,7 @@ void qel_init_seq() noexcept;
 uint32_t qel_get_seq() noexcept;
 void qel_set_seq_for_test(uint32_t seq) noexcept;
 
-int qel_app_register(int32_t app_id, const char *name, const qel_dispatcher *dispatchers, qel_event_fun event_cb,
-                     uint8_t thread_flag) noexcept;
+int qel_app_register(int32_t app_id, const char *name, const qel_dispatcher *dispatchers,
+                     qel_event_fun event_cb, uint8_t thread_flag) noexcept;
 
 #endif
