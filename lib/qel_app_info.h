@@ -25,8 +25,8 @@ struct qel_app_info {
     qel_cond cond; // something was queued
     qel_msg_queue queue QEL_GUARDED_BY(mutex);
     qel_mc_state mc QEL_GUARDED_BY(mutex);
-    // A new proxy thread waits here until its registration has succeeded or is undone: undoing joins the thread
-    // while it holds the library lock, so the thread must not need that lock before.
+    // A new proxy thread waits here until its registration has succeeded or is undone: undoing joins the
+    // thread while it holds the library lock, so the thread must not need that lock before.
     qel_gate gate;
 };
 

@@ -1,7 +1,7 @@
-// Static facts: the configuration file "/etc/qel.conf" (masks, priorities, multicast tables, the blocked-resume
-// switch), read anew at every question, and the node address file "/tmp/addr/.qel_node_addr", whose value is
-// kept once it has been read. The environment variable QEL_ROOT names a directory put before both paths, so
-// that several nodes can live on one host.
+// Static facts: the configuration file "/etc/qel.conf" (masks, priorities, multicast tables, the
+// blocked-resume switch), read anew at every question, and the node address file "/tmp/addr/.qel_node_addr",
+// whose value is kept once it has been read. The environment variable QEL_ROOT names a directory put before
+// both paths, so that several nodes can live on one host.
 //
 // Any thread; nothing is locked but the one-time start.
 #ifndef QEL_CFG_H
@@ -41,13 +41,15 @@ int32_t qel_get_my_node_id() noexcept;
 
 // ---- parsers, for tests and fuzzing ----------------------------------------------------------------------
 
-// Trims white space at both ends, in place; an all-blank text stays as it is. Returns the first character kept.
+// Trims white space at both ends, in place; an all-blank text stays as it is. Returns the first character
+// kept.
 char *qel_trim_space(char *text) noexcept;
 // Reads on until behind the line @name; 1, or 0 at the end of the file.
 int qel_locate_section(const char *name, FILE *file) noexcept;
 // The value of @key in [MISC_CONF], at most 15 characters and a terminator. 0 or -1.
 int qel_get_misc_cfg(const char *key, char value[16]) noexcept;
-// The member numbers of @text, any other character separates; base by prefix ("0x10", "010"). Returns the count.
+// The member numbers of @text, any other character separates; base by prefix ("0x10", "010"). Returns the
+// count.
 uint32_t qel_parse_mc_members(const char *text, uint32_t members[QEL_APP_GROUP_MBRS]) noexcept;
 
 struct qel_app_cfg_line {
@@ -59,7 +61,8 @@ struct qel_mc_cfg_line {
     char name[qel_cfg_name_max], comment[qel_cfg_name_max];
     char members[128];
 };
-// The number of fields that @line has: an application's takes 4 or 5, a group's 3 or 4; less is no valid line.
+// The number of fields that @line has: an application's takes 4 or 5, a group's 3 or 4; less is no valid
+// line.
 int qel_parse_app_cfg_line(const char *line, qel_app_cfg_line *out) noexcept;
 int qel_parse_mc_cfg_line(const char *line, qel_mc_cfg_line *out) noexcept;
 

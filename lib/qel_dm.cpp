@@ -114,8 +114,8 @@ void qel_dm_remove_obsolete_files(const char *dir, const char *prefix) noexcept 
         unlink(files[i].path);
 }
 
-// Directories of the log are open to everybody: no link is followed, no pipe is waited for, and the mode is set
-// on what was opened.
+// Directories of the log are open to everybody: no link is followed, no pipe is waited for, and the mode is
+// set on what was opened.
 static FILE *open_new_file(const char *path) noexcept {
     qel_fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0777));
     if (!fd)

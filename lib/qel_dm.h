@@ -13,7 +13,8 @@
 // Opens both files in the log directory. Once per process, before other threads log.
 void qel_dm_init() noexcept;
 
-// Builds "<VELT_DIR, by default /velt>/dev/qel" in @buf and creates what is missing of it, mode 0777. 0 or -1.
+// Builds "<VELT_DIR, by default /velt>/dev/qel" in @buf and creates what is missing of it, mode 0777. 0 or
+// -1.
 int qel_make_log_dir(char *buf, size_t size) noexcept;
 
 // Of the files in @dir whose names begin with @prefix keeps the 5 newest; looks at 25 at most.

@@ -2,9 +2,10 @@
 // admission of new sends; acknowledgements in batches.
 //
 // Each application has one record with one mutex and one condition, on which its refused senders wait. The
-// mutex is taken inside; g_lib_mutex may be held by the caller, the record mutexes of qel_app_info and qel_rpc
-// not. Acknowledgements, pings and reloads are sent with it held: the kernel drains a congested link without any
-// of our threads, so that is a stall and no deadlock, and sent outside it would race with a reset.
+// mutex is taken inside; g_lib_mutex may be held by the caller, the record mutexes of qel_app_info and
+// qel_rpc not. Acknowledgements, pings and reloads are sent with it held: the kernel drains a congested link
+// without any of our threads, so that is a stall and no deadlock, and sent outside it would race with a
+// reset.
 #ifndef QEL_FLOW_CTRL_H
 #define QEL_FLOW_CTRL_H
 

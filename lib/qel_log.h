@@ -1,5 +1,5 @@
-// The log line: a level test, then "<file, line> level: text". A source file that logs defines QEL_LOG_SRC, its
-// module's name, before it includes this; modules of several files share one name.
+// The log line: a level test, then "<file, line> level: text". A source file that logs defines QEL_LOG_SRC,
+// its module's name, before it includes this; modules of several files share one name.
 //
 // Any thread. Takes only the log file's leaf lock, so it may be called with any lock held.
 #ifndef QEL_LOG_H
@@ -16,8 +16,8 @@ enum qel_level : uint32_t {
     QEL_LEVEL_ALL = 4, // of commands only
 };
 
-// Which levels are printed on standard output, and which are appended to the log file: bits 1 << level. Relaxed
-// atomics: a line more or less around a change does not matter.
+// Which levels are printed on standard output, and which are appended to the log file: bits 1 << level.
+// Relaxed atomics: a line more or less around a change does not matter.
 extern std::atomic<uint32_t> g_qel_dbg_level;
 extern std::atomic<uint32_t> g_qel_log_level;
 

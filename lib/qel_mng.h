@@ -1,5 +1,5 @@
-// The library manager: the one state of the library in a process, its thread, and the presence of peers, as the
-// other modules and the daemon see it. What the qel_mng files share among themselves is in qel_mng_int.h.
+// The library manager: the one state of the library in a process, its thread, and the presence of peers, as
+// the other modules and the daemon see it. What the qel_mng files share among themselves is in qel_mng_int.h.
 //
 // Functions take g_lib_mutex themselves unless they are marked otherwise.
 #ifndef QEL_MNG_H
@@ -13,9 +13,9 @@ struct qel_app_info;
 struct qel_app_fc;
 struct qel_rpc_wait_mgmt;
 
-// Guards the library state and its lists. Lock order: the daemon's registry, the print buffer, this one, then one
-// of {application record, flow control, RPC waits}, then the leaves {sequence counter, log file}. No code of the
-// application and no wait for another thread ever runs under any of them.
+// Guards the library state and its lists. Lock order: the daemon's registry, the print buffer, this one, then
+// one of {application record, flow control, RPC waits}, then the leaves {sequence counter, log file}. No code
+// of the application and no wait for another thread ever runs under any of them.
 extern qel_mutex g_lib_mutex;
 
 // One application of this process. Slots fill from the front and never empty again, and the ID is stored last

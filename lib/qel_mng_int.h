@@ -1,9 +1,9 @@
 // Shared by the qel_mng files only: qel_mng.cpp (state, registration, prints), qel_mng_rx.cpp (the library
 // thread), qel_mng_presence.cpp (who is there), qel_mng_sync.cpp (records of the handshake and of resume).
 //
-// A peer's instance (application P on node N) is seen by this process in four sets of nodes: instances (its sync
-// came), acked (it acknowledged ours), servers (its acknowledgement said so), online (both, with the same process
-// ID in sync and acknowledgement). It is a destination while it is in servers and in online.
+// A peer's instance (application P on node N) is seen by this process in four sets of nodes: instances (its
+// sync came), acked (it acknowledged ours), servers (its acknowledgement said so), online (both, with the
+// same process ID in sync and acknowledgement). It is a destination while it is in servers and in online.
 //
 // Names with two leading underscores expect g_lib_mutex to be held.
 #ifndef QEL_MNG_INT_H
@@ -87,8 +87,8 @@ constexpr uint64_t qel_peer_key(uint32_t app, uint32_t node) noexcept { return u
 
 // ---- events on their way to applications ----------------------------------------------------------------
 
-// Events that came up under the lock for applications without a thread. Their callbacks run on this thread and
-// may call anything, so they wait here until the lock is released; nothing else is received in between.
+// Events that came up under the lock for applications without a thread. Their callbacks run on this thread
+// and may call anything, so they wait here until the lock is released; nothing else is received in between.
 struct qel_event_batch {
     qel_msg_queue events;
     void deliver() noexcept QEL_EXCLUDES(g_lib_mutex);
@@ -154,9 +154,9 @@ void __qel_clear_resume_comm(uint32_t peer_app, uint32_t node) noexcept QEL_REQU
 void qel_try_resume_comm(uint32_t peer_app, uint32_t node) noexcept;
 void qel_resume_timer_expired(uint32_t timer_seq) noexcept;
 
-// Keeps a sync or acknowledgement for another try in a second. @msg becomes the list's, header in host order; its
-// counter is lowered here. False, and @msg stays the caller's, when the list is full, no try is left or the timer
-// cannot be started.
+// Keeps a sync or acknowledgement for another try in a second. @msg becomes the list's, header in host order;
+// its counter is lowered here. False, and @msg stays the caller's, when the list is full, no try is left or
+// the timer cannot be started.
 bool qel_add_sync_resend(qel_msg *msg) noexcept;
 void qel_resend_timer_expired(uint32_t timer_seq) noexcept;
 // Starts the timers of both lists anew, after the topology connection and with it every timer was lost.

@@ -1,5 +1,5 @@
-// A set of node IDs, 0..65535. A summary of the non-empty words makes copying, testing for emptiness and walking
-// cost what is in it, not 65,536 bits: a word counts only while its summary bit is set.
+// A set of node IDs, 0..65535. A summary of the non-empty words makes copying, testing for emptiness and
+// walking cost what is in it, not 65,536 bits: a word counts only while its summary bit is set.
 //
 // No lock: its owner guards it. Nodes above 65535 are never in it, and setting one does nothing: node numbers
 // come from the wire.

@@ -1,9 +1,10 @@
 // The kernel's transport, which is the system calls themselves, and the choice between the transports.
 //
-// What the bus leans on in the kernel's TIPC, each pinned by a contract test: a datagram of 65,572 bytes passes
-// in one piece (66,000 is the limit); a send to a name that nobody publishes fails at once; a message that its
-// receiver's full queue or death rejects comes back to the sender's socket; a zero-length datagram makes poll
-// say readable and then blocks a blocking recvmsg, which is why nothing here is received without MSG_DONTWAIT.
+// What the bus leans on in the kernel's TIPC, each pinned by a contract test: a datagram of 65,572 bytes
+// passes in one piece (66,000 is the limit); a send to a name that nobody publishes fails at once; a message
+// that its receiver's full queue or death rejects comes back to the sender's socket; a zero-length datagram
+// makes poll say readable and then blocks a blocking recvmsg, which is why nothing here is received without
+// MSG_DONTWAIT.
 #include "qel_port.h"
 
 #include <atomic>

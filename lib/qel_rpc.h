@@ -1,6 +1,6 @@
-// The waits of remote procedure calls. Each application has one registry: a list of calls in progress, each with
-// the peers that still have to answer and the caller's reply set. A peer is struck off exactly once, by its
-// reply, a local error, its quit or the time-out, and each strike adds exactly one message to the set.
+// The waits of remote procedure calls. Each application has one registry: a list of calls in progress, each
+// with the peers that still have to answer and the caller's reply set. A peer is struck off exactly once, by
+// its reply, a local error, its quit or the time-out, and each strike adds exactly one message to the set.
 //
 // One mutex and one condition per registry, taken inside; g_lib_mutex may be held by the caller. While a wait
 // exists its reply set belongs to the registry.
@@ -32,8 +32,8 @@ int32_t qel_rpc_prepare_wait(uint32_t app_id, uint32_t seq, uint32_t timeout_s,
                              qel_reply_set *replies) noexcept;
 // Adds an expected replier to an open wait. 0, or -105 when it has 64.
 int32_t qel_rpc_set_wait(uint32_t app_id, uint32_t seq, uint32_t peer_app, uint32_t dst_node) noexcept;
-// Copies the @index-th replier of an open wait into @peer (0: answered by now). False behind the last, or when
-// the wait does not exist.
+// Copies the @index-th replier of an open wait into @peer (0: answered by now). False behind the last, or
+// when the wait does not exist.
 bool qel_rpc_get_replier(uint32_t app_id, uint32_t seq, int32_t index, uint32_t *peer) noexcept;
 // Ends a wait without waiting; what its reply set holds stays there.
 void qel_rpc_del_wait(uint32_t app_id, uint32_t seq) noexcept;

@@ -1,6 +1,6 @@
 // Type-length-value sections, the data of management messages: items of {16-bit length including this head,
-// 16-bit type, value}, big-endian, each padded to a multiple of 4 bytes. The walker reads bytes of strangers: it
-// never looks behind the section's end.
+// 16-bit type, value}, big-endian, each padded to a multiple of 4 bytes. The walker reads bytes of strangers:
+// it never looks behind the section's end.
 #ifndef QEL_TLV_H
 #define QEL_TLV_H
 

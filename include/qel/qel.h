@@ -1,45 +1,47 @@
 /*
  * QEL: a message bus for the processes of one multi-node device.
  *
- * A process registers one or more numbered applications, says which others they talk to, and calls qel_run().
- * From then on it sends one-way messages, calls remote procedures on one peer or on many, and is told at once
- * which peers come and go. C11 and C++20 include this header alike.
+ * A process registers one or more numbered applications, says which others they talk to, and calls
+ * qel_run(). From then on it sends one-way messages, calls remote procedures on one peer or on many, and is
+ * told at once which peers come and go. C11 and C++20 include this header alike.
  *
  * Conventions
- *  1. IDs. Application IDs are 1..8191 and 16384..20479. Node IDs are 0..65535. A destination application may
- *     also be 0 (the sender's own application) or an application group 0x3000..0x3FFF; a destination node may
- *     also be QEL_ANY_NODE, QEL_MY_NODE or a node group 0x80000..0x8FFFF. Groups belong to the application
- *     that created them and are unknown to every other one.
- *  2. Results. 0 or a positive value on success; a negative errno value on failure: -2 (-ENOENT) no server, or
- *     the application is not registered here; -11 (-EAGAIN) refused without waiting; -17 (-EEXIST) already
- *     there; -22 (-EINVAL) invalid argument; -105 (-ENOBUFS) a table or limit is full; -1 a failure without
- *     a number of its own. Lack of memory never fails a call: the caller waits for memory.
- *  3. Messages. A message is one heap block, made by qel_msg_alloc() and given back with free(). Its header is
- *     in host byte order while the process holds it. Sending never takes a message: it stays the caller's, who
- *     may send it again or free it. A message handed to a dispatcher is the dispatcher's, who frees it. One
- *     message must not be sent by two threads at the same time, nor read by another thread while it is sent.
- *  4. Threads. Every function may be called from any thread, from dispatchers and from event callbacks, unless
- *     it says otherwise. An application registered with qel_register() has its own thread, on which its
- *     dispatchers and event callback run one at a time. One registered with qel_register_without_thread() has
- *     none: they run on the library's one receiving thread and hold up all reception of the process while they
- *     run. Such an application must not wait in them for anything that arrives over the bus:
+ *  1. IDs. Application IDs are 1..8191 and 16384..20479. Node IDs are 0..65535. A destination application
+ *     may also be 0 (the sender's own application) or an application group 0x3000..0x3FFF; a destination
+ *     node may also be QEL_ANY_NODE, QEL_MY_NODE or a node group 0x80000..0x8FFFF. Groups belong to the
+ *     application that created them and are unknown to every other one.
+ *  2. Results. 0 or a positive value on success; a negative errno value on failure: -2 (-ENOENT) no server,
+ *     or the application is not registered here; -11 (-EAGAIN) refused without waiting; -17 (-EEXIST)
+ *     already there; -22 (-EINVAL) invalid argument; -105 (-ENOBUFS) a table or limit is full; -1 a failure
+ *     without a number of its own. Lack of memory never fails a call: the caller waits for memory.
+ *  3. Messages. A message is one heap block, made by qel_msg_alloc() and given back with free(). Its header
+ *     is in host byte order while the process holds it. Sending never takes a message: it stays the
+ *     caller's, who may send it again or free it. A message handed to a dispatcher is the dispatcher's, who
+ *     frees it. One message must not be sent by two threads at the same time, nor read by another thread
+ *     while it is sent.
+ *  4. Threads. Every function may be called from any thread, from dispatchers and from event callbacks,
+ *     unless it says otherwise. An application registered with qel_register() has its own thread, on which
+ *     its dispatchers and event callback run one at a time. One registered with
+ *     qel_register_without_thread() has none: they run on the library's one receiving thread and hold up all
+ *     reception of the process while they run. Such an application must not wait in them for anything that
+ *     arrives over the bus:
  *       - a remote procedure call made there never sees its reply, which only the thread it occupies could
  *         receive: it ends with QEL_STATUS_TIMEOUT after its slices, and with time-out 0 never;
- *       - a send there that flow control holds back waits for an acknowledgement that cannot be received:
- *         it never returns. Send with QEL_SEND_NOWAIT, or register with a thread.
+ *       - a send there that flow control holds back waits for an acknowledgement that cannot be received: it
+ *         never returns. Send with QEL_SEND_NOWAIT, or register with a thread.
  *  5. Presence. A peer's instance becomes reachable after both processes have declared each other with
- *     qel_comm_with() and exchanged a handshake in both directions. A declaration by one side only never gets
- *     there and sends to that peer return -2. Declare before qel_run(): a later declaration is accepted but
- *     nothing watches that peer until the connection to the name server is made anew.
- *     An application is a peer of itself: one with dispatchers and an event callback gets a join event for its
- *     own node about a second after qel_run(), and sends to itself return -2 until then.
- *     Peers without dispatchers are not servers: they come online without a join event and receive nothing.
- *     If two applications of one process declare the same peer, one set of presence bits serves both, and when
- *     the peer quits only the first of them gets the quit event.
- *  6. Delivery. Messages of one sender to one receiver arrive in order, each once. Between two processes that
- *     live, a message is lost only where the receiver's queue in the kernel overflows (see qel.conf(5) on
- *     priorities and net.tipc.tipc_rmem) or a link is cut. That a message did not come back is no proof that
- *     it arrived.
+ *     qel_comm_with() and exchanged a handshake in both directions. A declaration by one side only never
+ *     gets there and sends to that peer return -2. Declare before qel_run(): a later declaration is accepted
+ *     but nothing watches that peer until the connection to the name server is made anew. An application is
+ *     a peer of itself: one with dispatchers and an event callback gets a join event for its own node about
+ *     a second after qel_run(), and sends to itself return -2 until then. Peers without dispatchers are not
+ *     servers: they come online without a join event and receive nothing. If two applications of one process
+ *     declare the same peer, one set of presence bits serves both, and when the peer quits only the first of
+ *     them gets the quit event.
+ *  6. Delivery. Messages of one sender to one receiver arrive in order, each once. Between two processes
+ *     that live, a message is lost only where the receiver's queue in the kernel overflows (see qel.conf(5)
+ *     on priorities and net.tipc.tipc_rmem) or a link is cut. That a message did not come back is no proof
+ *     that it arrived.
  *  7. fork() after the first registration and unloading the library are not supported. The library installs
  *     no signal handler and never changes the buffering of standard output.
  */
@@ -60,7 +62,7 @@ extern "C" {
 #endif
 #define QEL_API __attribute__((visibility("default")))
 
-/* ---- IDs ------------------------------------------------------------------------------------------------- */
+/* ---- IDs ----------------------------------------------------------------------------------------------- */
 
 #define QEL_ANY_NODE (-1) /* as a destination node: every node */
 #define QEL_MY_NODE (-2)  /* as a destination node: the caller's own node */
@@ -90,7 +92,7 @@ static inline int qel_is_node_group(uint32_t id) QEL_NOEXCEPT {
     return id >= QEL_NODE_GROUP_MIN && id <= QEL_NODE_GROUP_MAX;
 }
 
-/* ---- messages -------------------------------------------------------------------------------------------- */
+/* ---- messages ------------------------------------------------------------------------------------------ */
 
 #define QEL_VERSION 1          /* header byte 0 */
 #define QEL_MSG_DATA_MAX 65536 /* bytes of data in one message */
@@ -194,8 +196,8 @@ typedef struct qel_reply_set {
     qel_msg *msg[QEL_REPLIES_MAX];
 } qel_reply_set;
 
-/* Frees the messages of @set, nulls their pointers and sets the count to 0. The set itself is not freed. A null
- * @set is ignored; a count beyond 64 is taken as 64, one below 0 frees nothing. */
+/* Frees the messages of @set, nulls their pointers and sets the count to 0. The set itself is not freed. A
+ * null @set is ignored; a count beyond 64 is taken as 64, one below 0 frees nothing. */
 static inline void qel_reply_msg_free(qel_reply_set *set) QEL_NOEXCEPT {
     int32_t i, count;
     if (set == NULL)
@@ -228,8 +230,8 @@ QEL_API const char *qel_reply_stat_string(uint32_t status) QEL_NOEXCEPT;
 QEL_API const char *qel_msg_type_string(uint32_t type) QEL_NOEXCEPT;
 QEL_API const char *qel_event_type_string(uint32_t event) QEL_NOEXCEPT;
 
-/* The words of the bits set in @flags, "none" for 0, written into @buf of at least 26 bytes. Returns a pointer
- * into @buf. Any thread. */
+/* The words of the bits set in @flags, "none" for 0, written into @buf of at least 26 bytes. Returns a
+ * pointer into @buf. Any thread. */
 QEL_API const char *qel_get_msg_flags_str(uint8_t flags, char *buf) QEL_NOEXCEPT;
 
 /* Diagnostic dumps to standard output: the header when the process's debug mask has the verbose bit, @length
@@ -237,7 +239,7 @@ QEL_API const char *qel_get_msg_flags_str(uint8_t flags, char *buf) QEL_NOEXCEPT
 QEL_API void qel_dump_msg_hdr_info(const qel_msg *msg) QEL_NOEXCEPT;
 QEL_API void qel_dump_msg_raw(const void *bytes, int32_t length) QEL_NOEXCEPT;
 
-/* ---- registration ---------------------------------------------------------------------------------------- */
+/* ---- registration -------------------------------------------------------------------------------------- */
 
 /* Takes one received message, whose owner it becomes. */
 typedef void (*qel_dispatch_fun)(qel_msg *msg);
@@ -260,25 +262,26 @@ typedef struct qel_app_event {
 } qel_app_event;
 typedef void (*qel_event_fun)(qel_app_event event);
 
-/* Registers application @app_id of this process under @name (at most 31 characters are kept), with a thread of
- * its own that runs @dispatchers and @event_cb (null: no events). Before qel_run() only; for the life of the
- * process. Not from a dispatcher or callback (they run after qel_run()).
- * Returns 0; -1 no node address, library start-up failed, or already running; -22 bad ID or null name;
- * -17 registered before; -105 the 32nd application; -11 the application's records or socket cannot be made;
- * the negated error of thread creation. */
+/* Registers application @app_id of this process under @name (at most 31 characters are kept), with a thread
+ * of its own that runs @dispatchers and @event_cb (null: no events). Before qel_run() only; for the life of
+ * the process. Not from a dispatcher or callback (they run after qel_run()).
+ * Returns 0; -1 no node address, library start-up failed, or already running; -22 bad ID or null name; -17
+ * registered before; -105 the 32nd application; -11 the application's records or socket cannot be made; the
+ * negated error of thread creation. */
 QEL_API int qel_register(int32_t app_id, const char *name, const qel_dispatcher *dispatchers,
                          qel_event_fun event_cb) QEL_NOEXCEPT;
 
-/* The same without a thread: dispatchers and callback run on the library's receiving thread (convention 4). */
+/* The same without a thread: dispatchers and callback run on the library's receiving thread (convention
+ * 4). */
 QEL_API int qel_register_without_thread(int32_t app_id, const char *name, const qel_dispatcher *dispatchers,
                                         qel_event_fun event_cb) QEL_NOEXCEPT;
 
-/* Says that the application withdraws. Nothing is torn down: the registration lasts as long as the process and
- * the application goes on receiving. Returns 0, or -22 for an invalid ID. */
+/* Says that the application withdraws. Nothing is torn down: the registration lasts as long as the process
+ * and the application goes on receiving. Returns 0, or -22 for an invalid ID. */
 QEL_API int qel_unregister(int32_t app_id) QEL_NOEXCEPT;
 
-/* Declares that @src_app, registered here, talks to @dst_app. Before qel_run() (convention 5). Returns 0; -22 an
- * invalid ID; -2 @src_app is not registered in this process. */
+/* Declares that @src_app, registered here, talks to @dst_app. Before qel_run() (convention 5). Returns 0; -22
+ * an invalid ID; -2 @src_app is not registered in this process. */
 QEL_API int qel_comm_with(int32_t src_app, int32_t dst_app) QEL_NOEXCEPT;
 
 /* Declares the process ready: about a second later its applications are published and receive. Registrations
@@ -290,11 +293,11 @@ QEL_API int qel_app_ready(void) QEL_NOEXCEPT;
 /* 1 while application @app on @node is online for this process, else 0. Mind the order of the arguments. */
 QEL_API int qel_is_app_online(uint32_t node, uint32_t app) QEL_NOEXCEPT;
 
-/* ---- sending --------------------------------------------------------------------------------------------- */
+/* ---- sending ------------------------------------------------------------------------------------------- */
 
-/* QEL_SEND_NOWAIT: return -11 where flow control would make the caller wait; the socket itself may still hold the
- * caller up for a moment on a congested link. QEL_SEND_NOT_SELF: leave out the sender's own instance on this
- * node. */
+/* QEL_SEND_NOWAIT: return -11 where flow control would make the caller wait; the socket itself may still hold
+ * the caller up for a moment on a congested link. QEL_SEND_NOT_SELF: leave out the sender's own instance on
+ * this node. */
 #define QEL_SEND_NOWAIT 0x1u
 #define QEL_SEND_NOT_SELF 0x4u
 
@@ -315,39 +318,41 @@ QEL_API int qel_sendto(uint32_t app_id, uint32_t dst_app, int32_t dst_node, qel_
 QEL_API int qel_get_app_mbrs(uint32_t app_id, uint32_t dst,
                              uint32_t members[QEL_APP_GROUP_MBRS]) QEL_NOEXCEPT;
 
-/* The nodes that @dst_node stands for, as a list of 64 in which values above 65535 are empty slots. 0 or -22. */
+/* The nodes that @dst_node stands for, as a list of 64 in which values above 65535 are empty slots. 0 or
+ * -22. */
 QEL_API int qel_get_node_mbrs(uint32_t app_id, int32_t dst_node,
                               uint32_t nodes[QEL_NODE_GROUP_MBRS]) QEL_NOEXCEPT;
 
-/* ---- remote procedure calls ------------------------------------------------------------------------------ */
+/* ---- remote procedure calls ---------------------------------------------------------------------------- */
 
 #define QEL_RPC_NOT_SELF QEL_SEND_NOT_SELF /* do not call the caller's own instance on this node */
 
 /* Sends @msg as a request to every server instance of @dst_app (an application, 0 or an application group; at
- * most 64 peers) and waits until each has answered, quit or run out of time. @set is cleared first; on return 0
- * it holds one message per peer, in the order of arrival, each with its own hdr.rpc_status: the peer's answer, or
- * one made here without data (QEL_STATUS_SYSTEM: not sent, or the peer quit; QEL_STATUS_TIMEOUT). The replies
- * are the caller's: qel_reply_msg_free(). @msg stays the caller's.
- * @timeout_s is spent in slices of 30 seconds: 5 lasts 30, and every reply that wakes any caller of this
- * application spends a slice of each. 0 waits without limit until the peer answers or quits.
- * Not from a dispatcher or callback of an application without thread (convention 4).
+ * most 64 peers) and waits until each has answered, quit or run out of time. @set is cleared first; on return
+ * 0 it holds one message per peer, in the order of arrival, each with its own hdr.rpc_status: the peer's
+ * answer, or one made here without data (QEL_STATUS_SYSTEM: not sent, or the peer quit; QEL_STATUS_TIMEOUT).
+ * The replies are the caller's: qel_reply_msg_free(). @msg stays the caller's. @timeout_s is spent in slices
+ * of 30 seconds: 5 lasts 30, and every reply that wakes any caller of this application spends a slice of
+ * each. 0 waits without limit until the peer answers or quits. Not from a dispatcher or callback of an
+ * application without thread (convention 4).
  * Returns 0; -22 bad ID, null message or set; -2 no server or not registered here; -105 more than 64 peers;
- * -17 two calls drew the same sequence number at the same moment: call again; positive ETIMEDOUT when the last
- * reply and the deadline met. @set is empty whenever the result is not 0. */
+ * -17 two calls drew the same sequence number at the same moment: call again; positive ETIMEDOUT when the
+ * last reply and the deadline met. @set is empty whenever the result is not 0. */
 QEL_API int32_t qel_rpc(uint32_t src_app, uint32_t dst_app, qel_msg *msg, uint32_t flags, uint32_t timeout_s,
                         qel_reply_set *set) QEL_NOEXCEPT;
 
-/* The same to the instances on @dst_node (as for qel_sendto(); the node comes before the application here). */
+/* The same to the instances on @dst_node (as for qel_sendto(); the node comes before the application
+ * here). */
 QEL_API int32_t qel_rpcto(uint32_t src_app, int32_t dst_node, uint32_t dst_app, qel_msg *msg, uint32_t flags,
                           uint32_t timeout_s, qel_reply_set *set) QEL_NOEXCEPT;
 
 /* Answers @request, a message that a dispatcher received with QEL_FLAG_REQUEST set, with @reply; null answers
- * with QEL_STATUS_SYSTEM. @reply's header is filled here and may be the request itself. Both stay the caller's.
- * At once or later, from any thread. @flags are not used. Returns 0; -22 null or not a request; the result of
- * a failed send (-1, -22). */
+ * with QEL_STATUS_SYSTEM. @reply's header is filled here and may be the request itself. Both stay the
+ * caller's. At once or later, from any thread. @flags are not used. Returns 0; -22 null or not a request; the
+ * result of a failed send (-1, -22). */
 QEL_API int32_t qel_rpc_reply(qel_msg *request, qel_msg *reply, uint32_t flags) QEL_NOEXCEPT;
 
-/* ---- private multicast groups ---------------------------------------------------------------------------- */
+/* ---- private multicast groups -------------------------------------------------------------------------- */
 
 /* A group of applications or of nodes as an application made it. */
 typedef struct qel_app_mc_group {
@@ -385,15 +390,15 @@ QEL_API void qel_get_node_mc_mbr(uint32_t app_id, uint32_t group, qel_node_mc_gr
  * @members is then left as it was. The library makes no groups of them by itself. */
 QEL_API int32_t qel_get_app_mc_members(uint32_t group_id, uint32_t members[QEL_APP_GROUP_MBRS]) QEL_NOEXCEPT;
 
-/* ---- blocked resume -------------------------------------------------------------------------------------- */
+/* ---- blocked resume ------------------------------------------------------------------------------------ */
 
 /* Lets a peer whose sends to this process have been blocked for 15 minutes abort it (SIGABRT), so that its
- * supervisor restarts it. Takes effect only while the key qel_blocked_resume_enabled of /etc/qel.conf is true.
- * Off at the first registration, which also undoes an earlier call. */
+ * supervisor restarts it. Takes effect only while the key qel_blocked_resume_enabled of /etc/qel.conf is
+ * true. Off at the first registration, which also undoes an earlier call. */
 QEL_API void qel_enable_blocked_resume(void) QEL_NOEXCEPT;
 QEL_API void qel_disable_blocked_resume(void) QEL_NOEXCEPT;
 
-/* ---- platform watchdog ----------------------------------------------------------------------------------- */
+/* ---- platform watchdog --------------------------------------------------------------------------------- */
 
 /* A platform that has a watchdog defines these three in the program or in one of its libraries; the library
  * calls those that exist. @name is the thread's. Every thread that may block for long registers, feeds at

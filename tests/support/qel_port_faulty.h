@@ -1,13 +1,13 @@
 // A transport that fails on demand: it wraps any qel_port and makes chosen calls fail, send short, or deliver
 // datagrams that nobody sent. For tests of everything that stands on the port:
 //
-//     qel_port_set(qel_faulty::wrap(&g_qel_port_local));       // before the first use of the port
-//     qel_faulty::fail(qel_faulty::call::bind, ENOMEM, 1, 3);  // the next three bind() fail, the fourth works
+//     qel_port_set(qel_faulty::wrap(&g_qel_port_local));      // before the first use of the port
+//     qel_faulty::fail(qel_faulty::call::bind, ENOMEM, 1, 3); // the next three bind() fail, then it works
 //     qel_faulty::inject(fd, qel_faulty::returned(4, bytes, 2303, 0x50001));
 //
 // Without an inner transport (wrap(nullptr)) every call succeeds and does nothing, a socket is an eventfd and
-// nothing arrives but what is injected; with the record of the sent datagrams that is enough to drive a module
-// alone, without a fabric and without the kernel's TIPC.
+// nothing arrives but what is injected; with the record of the sent datagrams that is enough to drive a
+// module alone, without a fabric and without the kernel's TIPC.
 //
 // There is one wrapper per process, as the table has no room for a context. All functions: any thread.
 #ifndef QEL_PORT_FAULTY_H
@@ -48,8 +48,8 @@ const qel_port *wrap(const qel_port *inner);
 // The same without changing the inner transport.
 void reset();
 
-// The @nth call of @which from now on (1 = the next one) and the @times - 1 after it give -1 with @err, without
-// reaching the inner transport; a failing close() closes nevertheless, as on Linux.
+// The @nth call of @which from now on (1 = the next one) and the @times - 1 after it give -1 with @err,
+// without reaching the inner transport; a failing close() closes nevertheless, as on Linux.
 void fail(call which, int err, unsigned nth = 1, unsigned times = 1);
 // The @nth call from now on counted over all calls but poll() and close() fails with @err: for "fail the n-th
 // call, n = 1, 2, ... until it succeeds". Returns nothing; any_failed() tells whether it came to it.
@@ -82,8 +82,8 @@ datagram returned(uint32_t code, const std::vector<uint8_t> &data, uint32_t type
 // recvmsg() on @fd gives @in before anything of the inner transport, poll() reports POLLIN until then, also a
 // poll() that waits already.
 void inject(int fd, datagram in);
-// The same for recv(): @data is one record of the stream of topology events; empty: the end of the connection,
-// which stays (poll() then reports POLLIN and POLLHUP).
+// The same for recv(): @data is one record of the stream of topology events; empty: the end of the
+// connection, which stays (poll() then reports POLLIN and POLLHUP).
 void inject_recv(int fd, std::vector<uint8_t> data);
 
 // How often @which was called since wrap() or reset(), failed calls included.
