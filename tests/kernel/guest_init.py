@@ -5,7 +5,7 @@ agent that runs commands. Its parameters come from the kernel's command line as 
 W      work directory on the host: node<n>/ with each node's files, agent.py, mounts
 FAILED host file that gets the reason of a failure
 NODES  how many nodes this kernel holds, each a network namespace; 0: the kernel is the one node
-SELF    with NODES=0: the number of that node
+SELF   with NODES=0: the number of that node
 LINKS  with NODES=0: how many network devices vec0.. lead to other kernels
 PEERS  how many linked nodes to wait for
 """
