@@ -57,7 +57,7 @@ struct qel_sys {
     int (*clock_gettime)(clockid_t clock, timespec *now);
     void (*sleep_us)(uint64_t microseconds);
     time_t (*time)(); // wall clock, seconds
-    int (*atexit)(void (*fun)(void));
+    int (*atexit)(void (*fun)());
 };
 extern const qel_sys g_qel_sys_native;
 // The table in force. Tests replace it before the first registration.

@@ -7,7 +7,6 @@ for dir in lib daemon fabric examples; do
     if [ -d "$dir" ]; then dirs="$dirs $dir"; fi
 done
 mkdir -p build/cppcheck
-# shellcheck disable=SC2086 # a list of words
 cppcheck --quiet -j "$(nproc)" --enable=warning,performance,portability --inline-suppr --inconclusive \
     --cppcheck-build-dir=build/cppcheck --suppressions-list=tests/lint/cppcheck.suppressions \
     --error-exitcode=1 -Iinclude -Ilib -Idaemon -Ifabric -D__GNUC__=12 -D__linux__=1 \

@@ -11,4 +11,4 @@ cd "$(dirname "$0")/../.."
             fi
         done
     echo ./.ci/run
-} | sort -u | xargs shellcheck -x
+} | sort -u | xargs shellcheck -x -S warning

@@ -59,8 +59,8 @@ bool any_failed();
 // As fail(), for sendto and send: only the first @bytes are sent, and @bytes is the result.
 void short_send(call which, size_t bytes, unsigned nth = 1, unsigned times = 1);
 
-// Runs @hook once, on the calling thread and with nothing locked, just before the @nth call of @which.
-void before(call which, unsigned nth, std::function<void()> hook);
+// Runs @run once, on the calling thread and with nothing locked, just before the @nth call of @which.
+void before(call which, unsigned nth, std::function<void()> run);
 
 // A received datagram as recvmsg() shows it.
 struct control {

@@ -27,7 +27,7 @@ struct port_faulty : testing::Test {
         bytes data;
         std::vector<int> types;
     };
-    received receive(size_t data_room = 2048, size_t control_room = 2048) {
+    received receive(size_t data_room = 2048, size_t control_room = 2048) const {
         bytes data(data_room), control(control_room);
         iovec v{data.data(), data.size()};
         msghdr m{};
