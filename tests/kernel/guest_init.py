@@ -1,6 +1,7 @@
 #!/usr/bin/python3 -BES
-"""The first process of a user-mode-linux guest: TIPC, the nodes, a copy-on-write view of the host's files, then the
-agent that runs commands. Its parameters come from the kernel's command line as environment variables:
+"""The first process of a user-mode-linux guest: TIPC, the nodes, a copy-on-write view of the host's files,
+then the agent that runs commands. Its parameters come from the kernel's command line as environment
+variables:
 
 W      work directory on the host: node<n>/ with each node's files, agent.py, mounts
 FAILED host file that gets the reason of a failure
@@ -19,8 +20,8 @@ LINK_TIMEOUT_S = 30
 SYS_FINIT_MODULE = 313
 MS_BIND, MS_REC = 4096, 16384
 LINUX_REBOOT_CMD_POWER_OFF = 0x4321FEDC
-MODULES = """lib/crc-ccitt net/ipv6/ipv6 net/ipv4/udp_tunnel net/ipv6/ip6_udp_tunnel net/tipc/tipc drivers/net/veth
-    net/llc/llc net/802/stp net/bridge/bridge net/sched/sch_netem fs/overlayfs/overlay"""
+MODULES = """lib/crc-ccitt net/ipv6/ipv6 net/ipv4/udp_tunnel net/ipv6/ip6_udp_tunnel net/tipc/tipc
+drivers/net/veth net/llc/llc net/802/stp net/bridge/bridge net/sched/sch_netem fs/overlayfs/overlay"""
 ROOT = "/run/r"  # the copy-on-write view
 
 libc = ctypes.CDLL(None, use_errno=True)

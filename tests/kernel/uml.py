@@ -3,19 +3,21 @@
 
     uml.py [--nodes N] [--timeout S] [--out DIR]... [--node I] -- COMMAND...
 
-boots one kernel with N nodes (network namespaces with the TIPC addresses 1.1.1 to 1.1.N, linked), runs COMMAND in
-it as root in a copy-on-write view of the host's file system, and ends with its status. Each DIR is the host's own
-directory: what COMMAND writes there stays. Inside, `onnode I command...` runs a process of node I; --node I does so
-with COMMAND. 124 is the status of a time-out, 125 of a kernel that could not be started or broke.
+boots one kernel with N nodes (network namespaces with the TIPC addresses 1.1.1 to 1.1.N, linked), runs
+COMMAND in it as root in a copy-on-write view of the host's file system, and ends with its status. Each DIR is
+the host's own directory: what COMMAND writes there stays. Inside, `onnode I command...` runs a process of
+node I; --node I does so with COMMAND. 124 is the status of a time-out, 125 of a kernel that could not be
+started or broke.
 
     uml.py --kernels 2 [--loss PERCENT] ... -- COMMAND1 ++ COMMAND2
 
-boots two kernels of one node each, joined by a real TIPC link, runs COMMAND1 on node 1 and COMMAND2 on node 2, and
-ends with the first status that is not 0.
+boots two kernels of one node each, joined by a real TIPC link, runs COMMAND1 on node 1 and COMMAND2 on node
+2, and ends with the first status that is not 0.
 
-As a module: Kernels starts them and runs processes on their nodes; qel_nodes.py stands on it. What a test must know
-about the two set-ups: messages between namespaces of one kernel take a short cut, there is no link window, no
-fragmentation, no loss; between two kernels there is. A guest has one processor and hides data races.
+As a module: Kernels starts them and runs processes on their nodes; qel_nodes.py stands on it. What a test
+must know about the two set-ups: messages between namespaces of one kernel take a short cut, there is no link
+window, no fragmentation, no loss; between two kernels there is. A guest has one processor and hides data
+races.
 """
 import argparse
 import collections
@@ -180,11 +182,13 @@ class Guest:
 
 
 class Kernels:
-    """Running kernels with linked nodes 1..nodes: all in one kernel (kernels=1) or one in each (kernels=nodes).
+    """Running kernels with linked nodes 1..nodes: all in one kernel (kernels=1) or one in each
+    (kernels=nodes).
 
-    @work is an existing directory for this object alone; work/node<n>/ become the nodes' own files (etc/, tmp/addr/,
-    velt/), seen by their processes under the product's fixed paths. @mounts are directories that the guests may
-    write to. The events of the agents go to received(kernel_index, event); closed(kernel_index) tells that one ended.
+    @work is an existing directory for this object alone; work/node<n>/ become the nodes' own files (etc/,
+    tmp/addr/, velt/), seen by their processes under the product's fixed paths. @mounts are directories that
+    the guests may write to. The events of the agents go to received(kernel_index, event);
+    closed(kernel_index) tells that one ended.
     """
 
     def __init__(self, nodes, kernels, work, received, closed, mounts=(), boot_timeout_s=BOOT_TIMEOUT_S):
@@ -311,7 +315,8 @@ def main():
 
     def wait_all(keys):
         with changed:
-            if not changed.wait_for(lambda: all(k in ends for k in keys), max(0, deadline - time.monotonic())):
+            left = max(0, deadline - time.monotonic())
+            if not changed.wait_for(lambda: all(k in ends for k in keys), left):
                 print(f"uml.py: not done after {args.timeout:g} s", file=sys.stderr)
                 return 124
         status = 0
@@ -341,8 +346,8 @@ def main():
             keys = []
             for i, command in enumerate(commands):
                 node = i + 1 if args.kernels > 1 else args.node
-                kernels.channel(node).send(op="spawn", id=i + 1, node=node, argv=command, cwd=os.getcwd(), env=env,
-                                           merge=False)
+                kernels.channel(node).send(op="spawn", id=i + 1, node=node, argv=command, cwd=os.getcwd(),
+                                           env=env, merge=False)
                 kernels.channel(node).send(op="eof", id=i + 1)
                 keys.append((kernels.of_node(node), i + 1))
             return wait_all(keys)

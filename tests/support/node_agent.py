@@ -1,7 +1,7 @@
 """Runs commands on the nodes of one kernel for a test that sits outside it.
 
-Usage: node_agent.py [TTY]. Speaks lines of JSON over TTY (in a guest) or over its standard input and output (on
-the host), ends when the other side closes, and takes everything it has started with it.
+Usage: node_agent.py [TTY]. Speaks lines of JSON over TTY (in a guest) or over its standard input and output
+(on the host), ends when the other side closes, and takes everything it has started with it.
 
 To the agent:
     {"op": "spawn", "id": 1, "node": 2, "argv": [...], "env": {...}, "cwd": "/", "pty": false, "merge": true}
@@ -16,9 +16,9 @@ From the agent:
     {"ev": "exit", "id": 1, "status": 0}   negative: the signal; everything it wrote before has been sent
     {"ev": "ack", "bytes": 2048}           input bytes consumed: a guest's terminal holds 4096 and then sticks
 
-Node 0 is the kernel itself. Of the other nodes each has a network namespace n<node>, where the kernel has any, and
-its files under /run/q/node<node>, which its processes see in a mount namespace of their own as /run/node (where
-/etc/qel.conf, /tmp/addr and /velt lead).
+Node 0 is the kernel itself. Of the other nodes each has a network namespace n<node>, where the kernel has
+any, and its files under /run/q/node<node>, which its processes see in a mount namespace of their own as
+/run/node (where /etc/qel.conf, /tmp/addr and /velt lead).
 """
 import ctypes
 import errno
@@ -48,8 +48,9 @@ def check(ret, what):
 
 
 class Namespaces:
-    """The nodes of a guest. The agent itself steps into a node for the moment of starting a process there: a child
-    made by vfork() is ten times faster here than one that forks the interpreter and steps over on its own."""
+    """The nodes of a guest. The agent itself steps into a node for the moment of starting a process there: a
+    child made by vfork() is ten times faster here than one that forks the interpreter and steps over on its
+    own."""
 
     def __init__(self):
         self.home = self.open_own()
@@ -130,7 +131,8 @@ class Agent:
             try:
                 if node and self.guest:
                     self.namespaces.enter(node)
-                proc = subprocess.Popen(op["argv"], env=op.get("env"), cwd=op.get("cwd"), start_new_session=True,
+                proc = subprocess.Popen(op["argv"], env=op.get("env"), cwd=op.get("cwd"),
+                                        start_new_session=True,
                                         preexec_fn=own_terminal if op.get("pty") else None, **files)
             finally:
                 if node and self.guest:
@@ -290,7 +292,8 @@ def main():
         agent = Agent(fd, fd, True)
     else:
         # The descriptors of the protocol must not reach the children.
-        agent = Agent(fcntl.fcntl(0, fcntl.F_DUPFD_CLOEXEC, 10), fcntl.fcntl(1, fcntl.F_DUPFD_CLOEXEC, 10), False)
+        commands, events = (fcntl.fcntl(fd, fcntl.F_DUPFD_CLOEXEC, 10) for fd in (0, 1))
+        agent = Agent(commands, events, False)
         null = os.open("/dev/null", os.O_RDWR)
         os.dup2(null, 0)
         os.dup2(2, 1)

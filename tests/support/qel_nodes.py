@@ -21,10 +21,10 @@ The back end (argument, else the environment variable QEL_TEST_BACKEND, else "lo
     netns   a network namespace of one user-mode-linux kernel with real TIPC
     pair    a user-mode-linux kernel of its own with real TIPC over a real link (2 nodes; more in full mesh)
 
-A test needs no change between them. Commands, their arguments and their files are paths of this host in all three;
-in a kernel the host's file system is seen copy-on-write: what a process writes there is lost, and what the host
-changes there after the start may not be seen. Exchanged in both directions at any time are the files of a node,
-below node.root, laid out alike in all back ends:
+A test needs no change between them. Commands, their arguments and their files are paths of this host in all
+three; in a kernel the host's file system is seen copy-on-write: what a process writes there is lost, and what
+the host changes there after the start may not be seen. Exchanged in both directions at any time are the files
+of a node, below node.root, laid out alike in all back ends:
 
     node.root/etc/qel.conf                  its configuration; absent until write_conf()
     node.root/tmp/addr/.qel_node_addr       its number
@@ -32,16 +32,17 @@ below node.root, laid out alike in all back ends:
 
 and the directories given as mounts=[...], where processes in a kernel may write to the host.
 
-A local process gets QEL_TRANSPORT, QEL_FABRIC, QEL_ROOT and VELT_DIR; one in a kernel gets QEL_TRANSPORT=kernel and
-finds the files at the product's fixed paths (/etc/qel.conf, /tmp/addr, /velt). All other variables are those of the
-test, with env=... on top (a value of None removes one). Standard output of a process that is no terminal is
-block-buffered by the C library: use pty=True (a terminal without echo) or a program that flushes.
+A local process gets QEL_TRANSPORT, QEL_FABRIC, QEL_ROOT and VELT_DIR; one in a kernel gets
+QEL_TRANSPORT=kernel and finds the files at the product's fixed paths (/etc/qel.conf, /tmp/addr, /velt). All
+other variables are those of the test, with env=... on top (a value of None removes one). Standard output of a
+process that is no terminal is block-buffered by the C library: use pty=True (a terminal without echo) or a
+program that flushes.
 
-A start takes 3 to 5 s with a kernel: share one Cluster between tests (setUpClass) and call cluster.reset() between
-them, which kills all processes and restores the files of the nodes.
+A start takes 3 to 5 s with a kernel: share one Cluster between tests (setUpClass) and call cluster.reset()
+between them, which kills all processes and restores the files of the nodes.
 
-Leaving the "with" block kills every process and kernel and removes every file. If it is left by an exception, the
-output of all processes is shown first, with times; cluster.dump() shows it at any time.
+Leaving the "with" block kills every process and kernel and removes every file. If it is left by an exception,
+the output of all processes is shown first, with times; cluster.dump() shows it at any time.
 
 node.cut() and node.mend() take a node's network down and up again, where the back end can (netns, pair).
 """
@@ -129,7 +130,8 @@ class Proc:
         self.node.tell(op="eof", id=self.ident)
 
     def kill(self, sig=signal.SIGKILL, group=False):
-        """Sends a signal; nothing happens if it has ended. @group: to all processes of its session's first group."""
+        """Sends a signal; nothing happens if it has ended. @group: to all processes of its session's first
+        group."""
         self.node.tell(op="kill", id=self.ident, sig=int(sig), group=group)
 
     def wait(self, timeout=10):
@@ -173,7 +175,9 @@ class Proc:
                     return match
                 left = deadline - time.monotonic()
                 if left <= 0 or (self.status is not None and not may_end):
-                    why = f"not in {timeout} s" if self.status is None else f"it ended with status {self.status}"
+                    why = f"not in {timeout} s"
+                    if self.status is not None:
+                        why = f"it ended with status {self.status}"
                     tail = self.text[self.position:][-2000:]
                     error = ExpectTimeout if self.status is None or may_end else NodeError
                     raise error(f"{self}: no {pattern!r}: {why}; behind the last match stands:\n{tail}")
@@ -216,7 +220,8 @@ class Node:
         return {k: str(v) for k, v in env.items() if v is not None}
 
     def spawn(self, argv, env=None, pty=False, merge=True, cwd=None):
-        """Starts a process; it runs the program when this returns. @merge=False: standard error apart, err_text."""
+        """Starts a process; it runs the program when this returns. @merge=False: standard error apart,
+        err_text."""
         cluster = self.cluster
         argv = [str(a) for a in argv]
         with cluster.changed:
