@@ -26,3 +26,9 @@ foreach(section 1 3 5 7 8)
         install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
     endif()
 endforeach()
+
+# The module must be loaded and its buffers sized before the daemon starts; the unit names a terminal.
+configure_file(packaging/qeld@.service.in qeld@.service @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qeld@.service DESTINATION lib/systemd/system)
+install(FILES packaging/qel-modules.conf DESTINATION lib/modules-load.d RENAME qel.conf)
+install(FILES packaging/qel-sysctl.conf DESTINATION lib/sysctl.d RENAME 60-qel.conf)
