@@ -1,6 +1,6 @@
-// What the process prints: standard output goes to a file while a capture lives. Lines of the log can be compared to
-// the byte because their line numbers, which say nothing, are taken out: "<qel_cfg, 123> 3: text" reads
-// "<qel_cfg> 3: text".
+// What the process prints: standard output goes to a file while a capture lives. Lines of the log can be
+// compared to the byte because their line numbers, which say nothing, are taken out: "<qel_cfg, 123> 3:
+// text" reads "<qel_cfg> 3: text".
 #ifndef QEL_CAPTURE_H
 #define QEL_CAPTURE_H
 

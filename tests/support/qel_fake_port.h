@@ -1,6 +1,7 @@
-// A transport with nobody behind it: what arrives is what the test queues, and what the library does is on record.
-// It waits in the virtual time of qel_fake_time.h, so time-outs of poll() and timers of the topology server pass
-// when the test moves the clock. (Without qel_time::install() only the poll()s of what is queued return.)
+// A transport with nobody behind it: what arrives is what the test queues, and what the library does is on
+// record. It waits in the virtual time of qel_fake_time.h, so time-outs of poll() and timers of the
+// topology server pass when the test moves the clock. (Without qel_time::install() only the poll()s of what
+// is queued return.)
 //
 // Descriptors are real ones (eventfds), so F_SETFD and close() are the system's. All functions: any thread.
 #ifndef QEL_FAKE_PORT_H
@@ -125,8 +126,8 @@ struct timer {
 std::vector<timer> timers();
 
 // ---- waiting --------------------------------------------------------------------------------------------
-// Waits until everything queued on sockets that are polled was read and a thread waits in poll(). False after ten
-// seconds of real time.
+// Waits until everything queued on sockets that are polled was read and a thread waits in poll(). False
+// after ten seconds of real time.
 bool wait_until_idle();
 // The same, and every thread of the library is blocked: proxy threads have worked off their queues.
 bool settle();

@@ -1,15 +1,17 @@
-// Time and threads under the control of a test: a table `qel_sys` whose clock moves only when the test says so.
+// Time and threads under the control of a test: a table `qel_sys` whose clock moves only when the test says
+// so.
 //
 //     qel_time::install();                        // before the first use of the library
 //     ... qel_register(), a thread of the library waits with a deadline ...
 //     ASSERT_TRUE(qel_time::settle());            // every thread of the library waits for something
 //     qel_time::advance(std::chrono::seconds(1)); // its deadline passes; it is woken, none is lost
 //
-// Waits on conditions and sleeps of the library are kept in a table of the test's own. A thread counts as running
-// from the moment it is woken, so settle() never mistakes a thread that is about to run for an idle one.
+// Waits on conditions and sleeps of the library are kept in a table of the test's own. A thread counts as
+// running from the moment it is woken, so settle() never mistakes a thread that is about to run for an idle
+// one.
 //
-// The waits of settle() and the like are in real time and bounded: they return false when the state is not reached
-// in ten seconds. All functions: any thread.
+// The waits of settle() and the like are in real time and bounded: they return false when the state is not
+// reached in ten seconds. All functions: any thread.
 #ifndef QEL_FAKE_TIME_H
 #define QEL_FAKE_TIME_H
 
@@ -34,8 +36,8 @@ void set_wall(time_t now); // the virtual time(); moves along with the clock
 
 // Moves the clock in one step and wakes whoever's deadline has passed.
 void advance(nanoseconds duration);
-// Moves the clock from deadline to deadline, letting the threads settle at each, as real time would. False when
-// they did not settle.
+// Moves the clock from deadline to deadline, letting the threads settle at each, as real time would. False
+// when they did not settle.
 bool run_for(nanoseconds duration);
 // The clock jumps to the next deadline by itself whenever every thread that was made through the table or has
 // enrolled is blocked.
@@ -79,8 +81,8 @@ enum class sys {
     atexit,
 };
 inline constexpr size_t sys_count = 10;
-// The @nth call from now on (1: the next one) and the @times - 1 after it return @error without doing anything
-// (clock_gettime and atexit return -1).
+// The @nth call from now on (1: the next one) and the @times - 1 after it return @error without doing
+// anything (clock_gettime and atexit return -1).
 void fail(sys function, int error, unsigned nth = 1, unsigned times = 1);
 // Calls since install(), failed ones included.
 unsigned calls(sys function);

@@ -1,5 +1,5 @@
-// A whole process of the bus in a world of the test's own: virtual time, a transport without network, the files of a
-// node, and peers that the test plays.
+// A whole process of the bus in a world of the test's own: virtual time, a transport without network, the
+// files of a node, and peers that the test plays.
 //
 //     struct my_test : qel_world {};
 //     TEST_F(my_test, ...) {
@@ -64,8 +64,8 @@ struct qel_world : qel_node {
     int add_app(int32_t app, bool with_thread = true);
     // qel_run(), and on until the library thread waits for its first message.
     static bool run();
-    // Publishes @peer on @node and shakes hands for it with every local application that sends it a sync; true when the
-    // instance is online.
+    // Publishes @peer on @node and shakes hands for it with every local application that sends it a sync;
+    // true when the instance is online.
     static bool bring_online(uint32_t peer, uint32_t node, bool server = true, uint32_t pid = 4711);
     static void deliver(uint32_t app, const qel_fake::bytes &datagram);
 };
