@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <sys/prctl.h>
 
+#include "qel_watchdog.h"
+
 // Straight to the descriptor: the process may be in any state, stdio's locks included.
 void qel_assert_fail(const char *expression, const char *file, int line) noexcept {
     char text[512];
@@ -77,6 +79,13 @@ qel_cond_step qel_cond::init(int &error) noexcept {
 
 // prctl cuts a longer name where pthread_setname_np would refuse it.
 void qel_thread_set_name(const char *name) noexcept { (void)prctl(PR_SET_NAME, name, 0, 0, 0); }
+
+qel_watchdog_guard::qel_watchdog_guard() noexcept {
+    name[0] = '\0';
+    (void)prctl(PR_GET_NAME, name, 0, 0, 0);
+    name[sizeof name - 1] = '\0';
+    qel_watchdog_register(name);
+}
 
 void qel_gate::decide(decision d) noexcept {
     qel_lock lock(mutex);

@@ -9,7 +9,9 @@
 #ifndef QEL_MNG_INT_H
 #define QEL_MNG_INT_H
 
-#define QEL_LOG_SRC "qel_mng"
+#ifndef QEL_LOG_SRC
+#define QEL_LOG_SRC "qel_mng" // one source name for all qel_mng files
+#endif
 #include "qel_app_info.h"
 #include "qel_log.h"
 #include "qel_mng.h"
