@@ -239,8 +239,8 @@ void qel_dispatch_app_msg(qel_app_info *app, qel_msg *msg) noexcept {
         const uint32_t words_out[2] = {range.lowest, range.highest};
         const int32_t ret = qel_rpc_reply_app_mismatch(msg, words_out);
         if (ret)
-            QEL_ERROR("QEL app %d reply app mismatch [%d, %d] to %d/%d failed: %s.\n", app->app_id, range.lowest,
-                      range.highest, hdr.src_app, hdr.src_node, strerror(abs(ret)));
+            QEL_ERROR("QEL app %d reply app mismatch [%d, %d] to %d/%d failed: %s.\n", app->app_id,
+                      range.lowest, range.highest, hdr.src_app, hdr.src_node, strerror(abs(ret)));
     }
     free(msg);
 }

@@ -1,8 +1,9 @@
-// The counters are 32 bits wide and wrap; what is outstanding towards a peer is compared as a signed number, for an
-// acknowledgement that comes after a reset drives it below zero, which must not look like four thousand million.
+// The counters are 32 bits wide and wrap; what is outstanding towards a peer is compared as a signed number,
+// for an acknowledgement that comes after a reset drives it below zero, which must not look like four
+// thousand million.
 //
-// Which destinations are blocked is kept up to date with every change of a counter (blocked_dst), so that admission
-// looks at one entry and not at every peer the application ever sent to.
+// Which destinations are blocked is kept up to date with every change of a counter (blocked_dst), so that
+// admission looks at one entry and not at every peer the application ever sent to.
 #include "qel_flow_ctrl.h"
 
 #include <algorithm>
@@ -31,7 +32,9 @@ struct qel_send_app_fc {
     uint32_t send = 0, unack = 0, reject = 0, rpc_reply_reject = 0;
     blocked_dst *dst = nullptr;
 
-    [[nodiscard]] bool blocked() const noexcept { return static_cast<int32_t>(unack) > qel_fc_unack_max_msgs; }
+    [[nodiscard]] bool blocked() const noexcept {
+        return static_cast<int32_t>(unack) > qel_fc_unack_max_msgs;
+    }
     void set_unack(uint32_t value) noexcept {
         const bool before = blocked();
         unack = value;
@@ -83,7 +86,8 @@ qel_app_fc *qel_add_app_fc(uint32_t app_id) noexcept {
         QEL_ERROR("QEL init app %d flow ctrl condition attribute failed: %s.\n", app_id, strerror(error));
         break;
     case qel_cond_step::attr_clock:
-        QEL_ERROR("QEL init app %d flow ctrl condition clock attribute failed: %s.\n", app_id, strerror(error));
+        QEL_ERROR("QEL init app %d flow ctrl condition clock attribute failed: %s.\n", app_id,
+                  strerror(error));
         break;
     case qel_cond_step::cond_init:
         QEL_ERROR("QEL init app %d flow ctrl condition failed: %s.\n", app_id, strerror(error));
@@ -189,13 +193,13 @@ static void log_totals(qel_app_fc *fc) noexcept QEL_REQUIRES(fc->mutex) {
 }
 
 static void log_send(const qel_app_fc *fc, const qel_send_app_fc *s) noexcept {
-    QEL_ERROR("QEL app %d send to application %d/%d: send %d, unack %d, reject %d, RPC reply reject %d\n", fc->app_id,
-              s->peer_app, s->peer_node, s->send, s->unack, s->reject, s->rpc_reply_reject);
+    QEL_ERROR("QEL app %d send to application %d/%d: send %d, unack %d, reject %d, RPC reply reject %d\n",
+              fc->app_id, s->peer_app, s->peer_node, s->send, s->unack, s->reject, s->rpc_reply_reject);
 }
 
 static void log_recv(const qel_app_fc *fc, const qel_recv_app_fc *r) noexcept {
-    QEL_ERROR("QEL app %d receive from application %d/%d: receive %d, unack %d, drop %d, return %d\n", fc->app_id,
-              r->peer_app, r->peer_node, r->receive, r->unack, r->drop, r->returned);
+    QEL_ERROR("QEL app %d receive from application %d/%d: receive %d, unack %d, drop %d, return %d\n",
+              fc->app_id, r->peer_app, r->peer_node, r->receive, r->unack, r->drop, r->returned);
 }
 
 // A sender has been held up for minutes: show our view of the pair and ask the peer to show its own.
@@ -218,7 +222,8 @@ static void request_reload(qel_app_fc *fc, uint32_t dst_app) noexcept QEL_REQUIR
     for (const qel_send_app_fc &s : fc->sends) {
         if (s.peer_app != dst_app || !s.blocked())
             continue;
-        QEL_ERROR("QEL app %d try to reload %d/%d to resume communication.\n", fc->app_id, s.peer_app, s.peer_node);
+        QEL_ERROR("QEL app %d try to reload %d/%d to resume communication.\n", fc->app_id, s.peer_app,
+                  s.peer_node);
         (void)qel_send_fc_reload(fc->app_id, s.peer_node, s.peer_app);
     }
 }
@@ -305,8 +310,8 @@ void qel_fc_update_rpc_reply_exception(uint32_t src_app, uint32_t dst_app, uint3
         fc->rpc_reply_exception++;
 }
 
-// What was counted as sent before the peer joined never reached it. The total of what is unacknowledged falls by
-// the number sent, not by the record's own count: known and kept.
+// What was counted as sent before the peer joined never reached it. The total of what is unacknowledged falls
+// by the number sent, not by the record's own count: known and kept.
 void qel_fc_adjust_statistics(uint32_t app_id, uint32_t peer_app, uint32_t peer_node) noexcept {
     qel_app_fc *fc = get_fc_told(app_id);
     if (!fc)
@@ -331,7 +336,8 @@ void qel_fc_adjust_statistics(uint32_t app_id, uint32_t peer_app, uint32_t peer_
     QEL_WARN("QEL app %d adjust sent reject num %d to %d/%d.\n", app_id, sent, peer_app, peer_node);
 }
 
-void qel_fc_update_sent_ack(uint32_t app_id, uint32_t peer_app, uint32_t peer_node, uint32_t ack_num) noexcept {
+void qel_fc_update_sent_ack(uint32_t app_id, uint32_t peer_app, uint32_t peer_node,
+                            uint32_t ack_num) noexcept {
     QEL_VERBOSE("QEL app %d update send ack from %d/%d, ack num %d.\n", app_id, peer_app, peer_node, ack_num);
     qel_app_fc *fc = get_fc_told(app_id);
     if (!fc)
@@ -365,12 +371,14 @@ void qel_fc_update_recv_ok(uint32_t peer_app, uint32_t peer_node, uint32_t app_i
         return;
     if (qel_send_fc_ack(app_id, peer_node, peer_app, qel_fc_ack_batch_msgs) != 0)
         return; // the next message tries again
-    QEL_VERBOSE("QEL app %d sent recv num ack %d to %d/%d OK.\n", app_id, qel_fc_ack_batch_msgs, peer_app, peer_node);
+    QEL_VERBOSE("QEL app %d sent recv num ack %d to %d/%d OK.\n", app_id, qel_fc_ack_batch_msgs, peer_app,
+                peer_node);
     record->unack -= qel_fc_ack_batch_msgs;
     fc->total_recv_unack -= qel_fc_ack_batch_msgs;
 }
 
-void qel_fc_update_recv_drop(uint32_t peer_app, uint32_t peer_node, uint32_t app_id, uint32_t count) noexcept {
+void qel_fc_update_recv_drop(uint32_t peer_app, uint32_t peer_node, uint32_t app_id,
+                             uint32_t count) noexcept {
     if (count == 0)
         return;
     QEL_VERBOSE("QEL app %d update recv drop num %d from %d/%d.\n", app_id, count, peer_app, peer_node);
@@ -456,6 +464,6 @@ void qel_cli_print_fc_stat(uint32_t app_id) noexcept {
         qel_buf_printf("    Send to application %d/%d: send %d, unack %d, reject %d, RPC reply reject %d\n",
                        s.peer_app, s.peer_node, s.send, s.unack, s.reject, s.rpc_reply_reject);
     for (const qel_recv_app_fc &r : fc->recvs)
-        qel_buf_printf("    Receive from application %d/%d: receive %d, unack %d, drop %d, return %d\n", r.peer_app,
-                       r.peer_node, r.receive, r.unack, r.drop, r.returned);
+        qel_buf_printf("    Receive from application %d/%d: receive %d, unack %d, drop %d, return %d\n",
+                       r.peer_app, r.peer_node, r.receive, r.unack, r.drop, r.returned);
 }

@@ -44,7 +44,8 @@ static qel_app_info *find_app(uint32_t app_id) noexcept {
 }
 
 template <class Kind>
-static qel_mc_record<typename Kind::group> *find(qel_mc_groups<typename Kind::group> &groups, uint32_t id) noexcept {
+static qel_mc_record<typename Kind::group> *find(qel_mc_groups<typename Kind::group> &groups,
+                                                 uint32_t id) noexcept {
     for (auto &record : groups.list)
         if (record.group.id == id)
             return &record;
@@ -76,12 +77,14 @@ template <class Kind> static int32_t create(uint32_t app_id) noexcept {
         qel_lock lock(app->mutex);
         auto &groups = Kind::of(app->mc);
         if (groups.count >= QEL_GROUPS_MAX) {
-            QEL_ERROR("QEL app %d %s-private-mcast creation reach to %d.\n", app_id, Kind::name, QEL_GROUPS_MAX);
+            QEL_ERROR("QEL app %d %s-private-mcast creation reach to %d.\n", app_id, Kind::name,
+                      QEL_GROUPS_MAX);
             return -ENOBUFS;
         }
         auto *record = qel_new<qel_mc_record<typename Kind::group>>();
         memset(&record->group, Kind::clear_byte, sizeof record->group);
-        // The search goes on from the last ID handed out, so one that was just destroyed is not given out again.
+        // The search goes on from the last ID handed out, so one that was just destroyed is not given out
+        // again.
         id = wrap(groups.next_id);
         while (find<Kind>(groups, id))
             groups.next_id = id = wrap(id + 1);
@@ -186,8 +189,8 @@ void qel_get_node_mc_mbr(uint32_t app_id, uint32_t group, qel_node_mc_group *out
     get<node_kind>(app_id, group, out);
 }
 
-template <class Kind> static void print(qel_mc_groups<typename Kind::group> &groups) noexcept
-    QEL_REQUIRES(g_print_mutex) {
+template <class Kind>
+static void print(qel_mc_groups<typename Kind::group> &groups) noexcept QEL_REQUIRES(g_print_mutex) {
     for (const auto &record : groups.list) {
         qel_buf_printf("    ID 0x%x, members:", record.group.id);
         for (const uint32_t slot : record.group.members)

@@ -1,10 +1,10 @@
-// The library manager: start of the library, the table of applications, the running flag, and the prints of the
-// library's state.
+// The library manager: start of the library, the table of applications, the running flag, and the prints of
+// the library's state.
 //
 // A process registers its applications, then calls qel_run(). The library thread exists from the first
-// registration on, but waits for that call; so do the proxy threads. From then on the table of applications does
-// not change any more, and the lists of presence and handshake are worked on by the library thread, with reads
-// from everywhere.
+// registration on, but waits for that call; so do the proxy threads. From then on the table of applications
+// does not change any more, and the lists of presence and handshake are worked on by the library thread, with
+// reads from everywhere.
 #include "qel_mng_int.h"
 
 #include <cerrno>
@@ -84,7 +84,8 @@ static int start_library() noexcept QEL_REQUIRES(g_lib_mutex) {
     }
     g_qel_mng.subscription_socket.store(sd, std::memory_order_relaxed);
 
-    // The thread waits at its gate: only when nothing can fail any more may it go on to need the lock held here.
+    // The thread waits at its gate: only when nothing can fail any more may it go on to need the lock held
+    // here.
     g_qel_mng.gate.decide(qel_gate::decision::none);
     error = qel_sys_get().thread_create(&g_qel_mng.thread, qel_socket_msg_dist_thread_fun, nullptr);
     if (error) {
@@ -113,7 +114,8 @@ qel_app_mng *qel_get_app_mng(uint32_t app_id) noexcept {
     if (app_id == 0)
         return nullptr;
     for (qel_app_mng &slot : g_qel_mng.apps) {
-        const uint32_t id = slot.app_id.load(std::memory_order_acquire); // pairs with the release in registration
+        const uint32_t id =
+            slot.app_id.load(std::memory_order_acquire); // pairs with the release in registration
         if (id == app_id)
             return &slot;
         if (id == 0)
@@ -155,7 +157,8 @@ int qel_add_app_mng(uint32_t app_id, const char *name, uint8_t thread_flag, int3
 
     slot->fc = qel_add_app_fc(app_id);
     slot->rpc = qel_add_app_rpc_wait(app_id);
-    slot->info = qel_add_app_info(static_cast<int32_t>(app_id), name, thread_flag, count, dispatchers, event_cb);
+    slot->info =
+        qel_add_app_info(static_cast<int32_t>(app_id), name, thread_flag, count, dispatchers, event_cb);
     if (slot->fc && slot->rpc && slot->info && __qel_add_comm_app(app_id, app_id) == 0) {
         slot->app_id.store(app_id, std::memory_order_release);
         slot->info->gate.decide(qel_gate::decision::open);
@@ -196,7 +199,8 @@ void qel_wait_for_running(const char *name) noexcept {
 void qel_enable_blocked_resume() noexcept { g_qel_mng.blocked_resume.store(1, std::memory_order_relaxed); }
 void qel_disable_blocked_resume() noexcept { g_qel_mng.blocked_resume.store(0, std::memory_order_relaxed); }
 int qel_blocked_resume_enabled() noexcept {
-    return qel_cfg_get_blocked_resume_enabled() ? g_qel_mng.blocked_resume.load(std::memory_order_relaxed) : 0;
+    return qel_cfg_get_blocked_resume_enabled() ? g_qel_mng.blocked_resume.load(std::memory_order_relaxed)
+                                                : 0;
 }
 
 // ---- prints ---------------------------------------------------------------------------------------------
@@ -239,11 +243,12 @@ void qel_cli_print_lib_info(uint32_t app_id) noexcept {
         qel_node_map qel_comm_app::*map;
     };
     static constexpr block blocks[] = {
-        {"  Online application instances:\n", "    Application %d instance on nodes:", &qel_comm_app::instances},
-        {"\n  Online application instances acked:\n", "    Application %d instance acked on nodes:",
-         &qel_comm_app::acked},
-        {"\n  Online application instances online:\n", "    Application %d instance online on nodes:",
-         &qel_comm_app::online},
+        {"  Online application instances:\n",
+         "    Application %d instance on nodes:", &qel_comm_app::instances},
+        {"\n  Online application instances acked:\n",
+         "    Application %d instance acked on nodes:", &qel_comm_app::acked},
+        {"\n  Online application instances online:\n",
+         "    Application %d instance online on nodes:", &qel_comm_app::online},
     };
     for (const block &b : blocks) {
         qel_buf_printf("%s", b.title);

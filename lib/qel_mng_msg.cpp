@@ -37,8 +37,8 @@ static void swap_words(qel_hdr *hdr, size_t len) noexcept {
         qel_store_be32(data + at, qel_load_host32(data + at));
 }
 
-// Of all statuses only 1 has its words converted: the version range of status 3 travels in the order of the host
-// that sends it, and receivers read it so.
+// Of all statuses only 1 has its words converted: the version range of status 3 travels in the order of the
+// host that sends it, and receivers read it so.
 void qel_hdr_to_net(qel_hdr *hdr, size_t len) noexcept {
     if (hdr->rpc_status == QEL_STATUS_QEL_VERSION)
         swap_words(hdr, len);
@@ -63,13 +63,14 @@ int32_t qel_tipc_sendto(uint32_t src_app, qel_msg *msg, uint32_t dst_app, uint32
     const uint32_t len = msg->hdr.len;
     if (len < QEL_MSG_HDR_LEN || len > msg_len_max) {
         QEL_WARN("QEL app %d sent to %d/%d failed: %s, msg len %d, sent %d.\n", static_cast<int>(src_app),
-                 static_cast<int>(dst_app), static_cast<int>(dst_node), strerror(EINVAL), static_cast<int>(len), -1);
+                 static_cast<int>(dst_app), static_cast<int>(dst_node), strerror(EINVAL),
+                 static_cast<int>(len), -1);
         return -EINVAL;
     }
     qel_hdr_to_net(&msg->hdr, len);
     const sockaddr_tipc to = qel_name_addr(qel_name_type, qel_name_instance(dst_app, dst_node));
-    QEL_VERBOSE("QEL app %d sent to %d/%d, msg len %d.\n", static_cast<int>(src_app), static_cast<int>(dst_app),
-                static_cast<int>(dst_node), static_cast<int>(len));
+    QEL_VERBOSE("QEL app %d sent to %d/%d, msg len %d.\n", static_cast<int>(src_app),
+                static_cast<int>(dst_app), static_cast<int>(dst_node), static_cast<int>(len));
     const int send_flags = MSG_NOSIGNAL | (flags & 1 ? MSG_DONTWAIT : 0);
     ssize_t sent;
     int error;
@@ -98,13 +99,14 @@ qel_msg *qel_new_sys_msg(uint8_t flags, uint32_t src_app, uint32_t dst_app, uint
     qel_msg *msg = qel_msg_alloc(static_cast<int32_t>(data_len), 1, 0);
     QEL_ASSERT(msg != NULL);
     memset(qel_msg_data(msg), 0, data_len);
-    qel_encode_msg_hdr(msg, flags, src_app, static_cast<uint32_t>(qel_get_my_node_id()), dst_app, dst_node, 0, 0);
+    qel_encode_msg_hdr(msg, flags, src_app, static_cast<uint32_t>(qel_get_my_node_id()), dst_app, dst_node, 0,
+                       0);
     return msg;
 }
 
 // One item without a value or with one word in network order.
-static int32_t send_fc(uint32_t app_id, uint32_t peer_node, uint32_t peer_app, uint16_t type, const void *value,
-                       uint32_t value_len) noexcept {
+static int32_t send_fc(uint32_t app_id, uint32_t peer_node, uint32_t peer_app, uint16_t type,
+                       const void *value, uint32_t value_len) noexcept {
     qel_msg *msg = qel_new_sys_msg(QEL_FLAG_MNG, app_id, peer_app, peer_node, qel_tlv_head_len + value_len);
     qel_tlv_set(qel_msg_data(msg), type, value, value_len);
     const int32_t ret = qel_tipc_sendto(app_id, msg, peer_app, peer_node, 0);
@@ -113,8 +115,8 @@ static int32_t send_fc(uint32_t app_id, uint32_t peer_node, uint32_t peer_app, u
 }
 
 int32_t qel_send_fc_ack(uint32_t app_id, uint32_t peer_node, uint32_t peer_app, uint32_t count) noexcept {
-    QEL_VERBOSE("QEL app %d send msg ack num %d to %d/%d.\n", static_cast<int>(app_id), static_cast<int>(count),
-                static_cast<int>(peer_app), static_cast<int>(peer_node));
+    QEL_VERBOSE("QEL app %d send msg ack num %d to %d/%d.\n", static_cast<int>(app_id),
+                static_cast<int>(count), static_cast<int>(peer_app), static_cast<int>(peer_node));
     unsigned char value[4];
     qel_store_be32(value, count);
     return send_fc(app_id, peer_node, peer_app, QEL_TLV_FC_ACK, value, sizeof value);
@@ -186,11 +188,12 @@ void qel_recv_get_app_stat_request(qel_msg *request, uint32_t app_id) noexcept {
     qel_buf_printf("\n");
     const int ret = qel_buf_printf_reply(request);
     if (ret)
-        QEL_ERROR("QEL app %d reply app statistics failed: %s.\n", static_cast<int>(app_id), strerror(abs(ret)));
+        QEL_ERROR("QEL app %d reply app statistics failed: %s.\n", static_cast<int>(app_id),
+                  strerror(abs(ret)));
 }
 
-// What the daemon receives with the management bit does not pass its queue: it is answered from here, even while
-// the daemon's own threads wait for replies. Takes @msg.
+// What the daemon receives with the management bit does not pass its queue: it is answered from here, even
+// while the daemon's own threads wait for replies. Takes @msg.
 static void daemon_msg(qel_msg *msg) noexcept {
     static const qel_app_info *app_info = nullptr; // library thread only, looked up once
     static qel_ver_range ver_info;
@@ -229,8 +232,8 @@ static bool mng_item(qel_msg *msg, const qel_tlv_list &list) noexcept {
         if (value.size() < 4)
             return false;
         const uint32_t count = qel_load_be32(value.data());
-        QEL_VERBOSE("QEL recv ack num %d for %d from %d/%d.\n", static_cast<int>(count), static_cast<int>(app),
-                    static_cast<int>(src_app), static_cast<int>(src_node));
+        QEL_VERBOSE("QEL recv ack num %d for %d from %d/%d.\n", static_cast<int>(count),
+                    static_cast<int>(app), static_cast<int>(src_app), static_cast<int>(src_node));
         qel_fc_update_sent_ack(app, src_app, src_node, count);
         return true;
     }
@@ -292,8 +295,8 @@ void qel_mng_msg_process(qel_msg *msg) noexcept {
 // ---- instance synchronisation ---------------------------------------------------------------------------
 
 // A sync or an acknowledgement; the caller owns it.
-static qel_msg *new_sync(uint16_t type, uint32_t app_id, uint32_t node, uint32_t peer_app, uint32_t seq, bool server,
-                         uint32_t resume) noexcept {
+static qel_msg *new_sync(uint16_t type, uint32_t app_id, uint32_t node, uint32_t peer_app, uint32_t seq,
+                         bool server, uint32_t resume) noexcept {
     qel_sync_wire wire;
     qel_store_be32(wire.seq, seq);
     qel_store_be32(wire.pid, static_cast<uint32_t>(getpid()));
@@ -305,10 +308,11 @@ static qel_msg *new_sync(uint16_t type, uint32_t app_id, uint32_t node, uint32_t
     return msg;
 }
 
-int32_t qel_sync_app_inst(uint32_t app_id, uint32_t node, uint32_t peer_app, bool server, uint32_t resume) noexcept {
+int32_t qel_sync_app_inst(uint32_t app_id, uint32_t node, uint32_t peer_app, bool server,
+                          uint32_t resume) noexcept {
     const uint32_t seq = qel_get_seq();
-    QEL_VERBOSE("QEL app %d sync inst to %d/%d, seq %d.\n", static_cast<int>(app_id), static_cast<int>(peer_app),
-                static_cast<int>(node), static_cast<int>(seq));
+    QEL_VERBOSE("QEL app %d sync inst to %d/%d, seq %d.\n", static_cast<int>(app_id),
+                static_cast<int>(peer_app), static_cast<int>(node), static_cast<int>(seq));
     qel_msg *msg = new_sync(QEL_TLV_SYNC, app_id, node, peer_app, seq, server, resume);
     const int32_t ret = qel_tipc_sendto(app_id, msg, peer_app, node, 0);
     if (ret == 0)
@@ -318,13 +322,14 @@ int32_t qel_sync_app_inst(uint32_t app_id, uint32_t node, uint32_t peer_app, boo
     return ret;
 }
 
-int32_t qel_sync_app_inst_ack(uint32_t app_id, uint32_t node, uint32_t peer_app, uint32_t seq, bool server) noexcept {
+int32_t qel_sync_app_inst_ack(uint32_t app_id, uint32_t node, uint32_t peer_app, uint32_t seq,
+                              bool server) noexcept {
     QEL_VERBOSE("QEL app %d sync inst ack to %d/%d, seq %d.\n", static_cast<int>(app_id),
                 static_cast<int>(peer_app), static_cast<int>(node), static_cast<int>(seq));
     qel_msg *msg = new_sync(QEL_TLV_SYNC_ACK, app_id, node, peer_app, seq, server, 0);
     const int32_t ret = qel_tipc_sendto(app_id, msg, peer_app, node, 0);
-    // On a bad link the peer's sync can be here before its name: the send fails at once and nothing comes back,
-    // and the peer waits for this acknowledgement for ever. So it is kept and tried again.
+    // On a bad link the peer's sync can be here before its name: the send fails at once and nothing comes
+    // back, and the peer waits for this acknowledgement for ever. So it is kept and tried again.
     if (ret == 0 || !qel_add_sync_resend(msg))
         free(msg);
     return ret;
@@ -333,8 +338,8 @@ int32_t qel_sync_app_inst_ack(uint32_t app_id, uint32_t node, uint32_t peer_app,
 static void recv_sync(uint32_t app, uint32_t peer, uint32_t node, const qel_sync_wire &wire) noexcept {
     qel_update_inst_sync_id(app, peer, node, qel_load_be32(wire.pid));
     if (qel_load_be32(wire.resume)) {
-        QEL_ERROR("QEL app %d resume comm to %d/%d by request.\n", static_cast<int>(app), static_cast<int>(peer),
-                  static_cast<int>(node));
+        QEL_ERROR("QEL app %d resume comm to %d/%d by request.\n", static_cast<int>(app),
+                  static_cast<int>(peer), static_cast<int>(node));
         qel_app_inst_force_quit(peer, node);
         qel_app_inst_join(peer, node, 0);
     } else {
@@ -358,8 +363,9 @@ static void recv_sync_ack(uint32_t app, uint32_t peer, uint32_t node, const qel_
     if (qel_load_be32(wire.server))
         qel_set_app_server(peer, node);
     qel_try_notify_app_join(app, node, peer);
-    // The peer's sync came before this acknowledgement and yet it is not online: its sync overtook the withdrawal
-    // of its predecessor and nothing would ever bring it up. In an ordinary handshake no sync has come yet.
+    // The peer's sync came before this acknowledgement and yet it is not online: its sync overtook the
+    // withdrawal of its predecessor and nothing would ever bring it up. In an ordinary handshake no sync has
+    // come yet.
     if (!qel_app_online(peer, node) && qel_get_inst_sync_id(app, peer, node) != 0)
         qel_try_resume_comm(peer, node);
 }

@@ -1,8 +1,9 @@
 // Presence: which instances of the peers are there, on which nodes, and how the applications learn of it.
 //
-// An instance comes up in steps: its name is published (join: we send it a sync for each local subscriber), its
-// own sync arrives (instances), it acknowledges ours (acked, and servers if it is one), and with both carrying the
-// same process ID it is online. Only servers are announced to the applications. It goes down at once.
+// An instance comes up in steps: its name is published (join: we send it a sync for each local subscriber),
+// its own sync arrives (instances), it acknowledges ours (acked, and servers if it is one), and with both
+// carrying the same process ID it is online. Only servers are announced to the applications. It goes down at
+// once.
 #include "qel_mng_int.h"
 
 #include <cerrno>
@@ -62,8 +63,8 @@ void __qel_del_comm_app(uint32_t app_id) noexcept {
         }
         if (!peer.subscribers.empty())
             continue;
-        // With time-out 0, which the kernel never takes for the record that was subscribed with: at this point of
-        // a process's life nothing has been subscribed yet.
+        // With time-out 0, which the kernel never takes for the record that was subscribed with: at this
+        // point of a process's life nothing has been subscribed yet.
         qel_cancel_app_events(instance_lower(peer.peer_app), instance_upper(peer.peer_app), 0);
         g_qel_mng.comm_apps.unlink(&peer);
         g_qel_mng.comm_index.remove(&peer);
@@ -101,8 +102,8 @@ static tipc_subscr subscription(uint32_t type, uint32_t lower, uint32_t upper, u
 
 int qel_subscr_app_events(uint32_t lower, uint32_t upper) noexcept {
     QEL_INFO("QEL subscribe TIPC instance [0x%x, 0x%x] event.\n", lower, upper);
-    const int error = send_subscription(
-        subscription(qel_name_type, lower, upper, static_cast<uint32_t>(TIPC_WAIT_FOREVER), TIPC_SUB_SERVICE));
+    const int error = send_subscription(subscription(
+        qel_name_type, lower, upper, static_cast<uint32_t>(TIPC_WAIT_FOREVER), TIPC_SUB_SERVICE));
     if (error == 0)
         return 0;
     QEL_ERROR("QEL send subscription msg failed: %s.\n,", strerror(error));
@@ -111,8 +112,8 @@ int qel_subscr_app_events(uint32_t lower, uint32_t upper) noexcept {
 
 int qel_cancel_app_events(uint32_t lower, uint32_t upper, uint32_t timeout) noexcept {
     QEL_INFO("QEL cancel TIPC subscription instance [0x%x, 0x%x] event.\n", lower, upper);
-    const int error =
-        send_subscription(subscription(qel_name_type, lower, upper, timeout, TIPC_SUB_SERVICE | TIPC_SUB_CANCEL));
+    const int error = send_subscription(
+        subscription(qel_name_type, lower, upper, timeout, TIPC_SUB_SERVICE | TIPC_SUB_CANCEL));
     if (error == 0)
         return 0;
     QEL_ERROR("QEL send canceling subscription msg failed: %s.\n,", strerror(error));
@@ -205,7 +206,8 @@ void qel_app_inst_join(uint32_t peer_app, uint32_t node, uint32_t resume) noexce
                       static_cast<int>(peer_app), static_cast<int>(node));
 }
 
-static void set_bit(uint32_t peer_app, uint32_t node, qel_node_map qel_comm_app::*map, const char *what) noexcept {
+static void set_bit(uint32_t peer_app, uint32_t node, qel_node_map qel_comm_app::*map,
+                    const char *what) noexcept {
     qel_lock lock(g_lib_mutex);
     qel_comm_app *peer = __qel_find_comm_app(peer_app);
     if (peer)
@@ -254,8 +256,8 @@ void qel_try_notify_app_join(uint32_t app_id, uint32_t node, uint32_t peer_app) 
 
 // ---- down -----------------------------------------------------------------------------------------------
 
-// The server bit falls at the first subscriber, so only that one has its calls ended (and gets the event); the
-// later ones find the bit clear. Known and kept.
+// The server bit falls at the first subscriber, so only that one has its calls ended (and gets the event);
+// the later ones find the bit clear. Known and kept.
 static bool take_server_bit(qel_comm_app *peer, uint32_t app_id, uint32_t node) noexcept
     QEL_REQUIRES(g_lib_mutex) {
     if (!peer->servers.test(node))
@@ -265,7 +267,8 @@ static bool take_server_bit(qel_comm_app *peer, uint32_t app_id, uint32_t node) 
     return true;
 }
 
-void __qel_app_inst_quit(qel_comm_app *peer, uint32_t peer_app, uint32_t node, qel_event_batch &batch) noexcept {
+void __qel_app_inst_quit(qel_comm_app *peer, uint32_t peer_app, uint32_t node,
+                         qel_event_batch &batch) noexcept {
     QEL_INFO("QEL clear app %d/%d online.\n", static_cast<int>(peer_app), static_cast<int>(node));
     peer->instances.clear(node);
     peer->acked.clear(node);
@@ -321,8 +324,8 @@ void qel_app_inst_force_quit(uint32_t peer_app, uint32_t node) noexcept {
     batch.deliver();
 }
 
-// Differs from a forced quit in one point, on purpose: an instance that is not online keeps its instances bit.
-// Its sync may have overtaken the withdrawal of its predecessor.
+// Differs from a forced quit in one point, on purpose: an instance that is not online keeps its instances
+// bit. Its sync may have overtaken the withdrawal of its predecessor.
 void qel_app_inst_withdrawn(uint32_t peer_app, uint32_t node) noexcept {
     qel_event_batch batch;
     {

@@ -1,6 +1,6 @@
 // The library thread: the one receiver of the process. It reads the topology server's events and every
-// application's socket, one of each per pass so that none starves the others, checks every byte before it is used,
-// and hands each message to whom it belongs. It never ends, but for a socket that cannot be published.
+// application's socket, one of each per pass so that none starves the others, checks every byte before it is
+// used, and hands each message to whom it belongs. It never ends, but for a socket that cannot be published.
 //
 // Everything in the struct `rx` is this thread's alone.
 #include "qel_mng_int.h"
@@ -20,8 +20,8 @@
 #include "qel_user_proxy.h"
 #include "qel_watchdog.h"
 
-constexpr size_t rx_bytes_max = 66000;     // what TIPC accepts; more than a message ever has
-constexpr size_t rx_control_bytes = 1096;  // error, 1024 bytes of returned data, name
+constexpr size_t rx_bytes_max = 66000;    // what TIPC accepts; more than a message ever has
+constexpr size_t rx_control_bytes = 1096; // error, 1024 bytes of returned data, name
 constexpr uint32_t msg_len_max = QEL_MSG_HDR_LEN + QEL_MSG_DATA_MAX;
 constexpr int poll_ms = 2000;
 
@@ -70,7 +70,8 @@ static void monitor_expired(uint32_t seq) noexcept {
 }
 
 static void timer_expired(uint32_t type, uint32_t seq) noexcept {
-    QEL_VERBOSE("QEL perceived timer event of type %d seq %d.\n", static_cast<int>(type), static_cast<int>(seq));
+    QEL_VERBOSE("QEL perceived timer event of type %d seq %d.\n", static_cast<int>(type),
+                static_cast<int>(seq));
     switch (type) {
     case QEL_TIMER_RESUME:
         qel_resume_timer_expired(seq);
@@ -86,8 +87,8 @@ static void timer_expired(uint32_t type, uint32_t seq) noexcept {
     }
 }
 
-// A publication's range can be as wide as its publisher liked: anyone may bind {2303, 0, 4294967295}. Only what
-// lies in the range that we subscribed to concerns us.
+// A publication's range can be as wide as its publisher liked: anyone may bind {2303, 0, 4294967295}. Only
+// what lies in the range that we subscribed to concerns us.
 struct clipped_range {
     explicit clipped_range(const tipc_event &event) noexcept
         : lower(std::max(event.found_lower, event.s.seq.lower)),
@@ -100,7 +101,8 @@ static void published(const tipc_event &event) noexcept {
     QEL_VERBOSE("QEL perceived app [0x%x, 0x%x] join.\n", event.found_lower, event.found_upper);
     const clipped_range range(event);
     for (uint64_t i = range.lower; i <= range.upper; i++) {
-        const uint32_t app = instance_app(static_cast<uint32_t>(i)), node = instance_node(static_cast<uint32_t>(i));
+        const uint32_t app = instance_app(static_cast<uint32_t>(i)),
+                       node = instance_node(static_cast<uint32_t>(i));
         QEL_WARN("QEL perceived app %d/%d join.\n", static_cast<int>(app), static_cast<int>(node));
         qel_app_inst_join(app, node, 0);
     }
@@ -110,7 +112,8 @@ static void withdrawn(const tipc_event &event) noexcept {
     QEL_VERBOSE("QEL perceived app [0x%x, 0x%x] quit.\n", event.found_lower, event.found_upper);
     const clipped_range range(event);
     for (uint64_t i = range.lower; i <= range.upper; i++) {
-        const uint32_t app = instance_app(static_cast<uint32_t>(i)), node = instance_node(static_cast<uint32_t>(i));
+        const uint32_t app = instance_app(static_cast<uint32_t>(i)),
+                       node = instance_node(static_cast<uint32_t>(i));
         QEL_WARN("QEL perceived app %d/%d quit.\n", static_cast<int>(app), static_cast<int>(node));
         qel_app_inst_withdrawn(app, node);
     }
@@ -151,9 +154,10 @@ static void receive_topology_event() noexcept {
         return;
     }
     const int error = errno;
-    if (ret < 0 && (error == EAGAIN || error == EWOULDBLOCK))
+    if (ret < 0 && error == EAGAIN)
         return;
-    QEL_ERROR("QEL recv subscription event failed:ret:%d, %d%s.\n", static_cast<int>(ret), error, strerror(error));
+    QEL_ERROR("QEL recv subscription event failed:ret:%d, %d%s.\n", static_cast<int>(ret), error,
+              strerror(error));
     port.shutdown(sd, SHUT_RDWR);
     port.close(sd);
     g_qel_mng.subscription_socket.store(-1, std::memory_order_relaxed);
@@ -223,8 +227,8 @@ static void receive_data(qel_app_mng *slot, uint32_t app_id, unsigned char *data
     if (size >= QEL_MSG_HDR_LEN)
         qel_hdr_to_host(hdr, size);
     if (size < QEL_MSG_HDR_LEN || size > msg_len_max || hdr->len != size) {
-        QEL_ERROR("QEL app %d recv msg len %d, expectedly %d.\n", static_cast<int>(app_id), static_cast<int>(size),
-                  static_cast<int>(hdr->len));
+        QEL_ERROR("QEL app %d recv msg len %d, expectedly %d.\n", static_cast<int>(app_id),
+                  static_cast<int>(size), static_cast<int>(hdr->len));
         qel_fc_update_recv_exception(app_id);
         qel_dump_msg_raw(data, static_cast<int32_t>(size));
         return;
@@ -300,10 +304,11 @@ static void qel_rx_return(qel_app_mng *slot, unsigned char *data, size_t size) n
     const qel_hdr &hdr = returned.hdr;
     const bool named = qel_valid_app_id(hdr.dst_app) && qel_valid_node_id(hdr.dst_node);
     if (hdr.flags & QEL_FLAG_SYNC) {
-        // A sync or an acknowledgement that the peer's full queue rejected: there is nobody else to send it again.
+        // A sync or an acknowledgement that the peer's full queue rejected: there is nobody else to send it
+        // again.
         const unsigned char *section = data + QEL_MSG_HDR_LEN;
-        if (named && hdr.src_app == app_id && hdr.len == size && size == QEL_MSG_HDR_LEN + qel_sync_data_len &&
-            qel_load_be16(section) == qel_sync_data_len &&
+        if (named && hdr.src_app == app_id && hdr.len == size &&
+            size == QEL_MSG_HDR_LEN + qel_sync_data_len && qel_load_be16(section) == qel_sync_data_len &&
             (qel_load_be16(section + 2) == QEL_TLV_SYNC_ACK || qel_load_be16(section + 2) == QEL_TLV_SYNC)) {
             qel_msg *again = qel_msg_alloc(qel_sync_data_len, 0, 0);
             QEL_ASSERT(again != NULL);
@@ -336,7 +341,7 @@ void qel_rx_app_socket(uint32_t index) noexcept {
     // Without waiting: a datagram of no length makes poll say readable, then there is nothing to receive.
     const ssize_t ret = qel_port_get().recvmsg(slot->info->sd, &header, MSG_DONTWAIT);
     if (ret < 0) {
-        if (errno != EAGAIN && errno != EWOULDBLOCK)
+        if (errno != EAGAIN)
             receive_exception(app_id, errno);
     } else if (ret == 0) {
         errno = 0;

@@ -1,6 +1,6 @@
-// The records of the handshake: syncs on their way, the process IDs that peers gave, syncs and acknowledgements to
-// be sent again, handshakes to be started anew. Peers name what is in them, so every lookup goes through an index
-// and the lists that hold kernel timers are bounded.
+// The records of the handshake: syncs on their way, the process IDs that peers gave, syncs and
+// acknowledgements to be sent again, handshakes to be started anew. Peers name what is in them, so every
+// lookup goes through an index and the lists that hold kernel timers are bounded.
 #include "qel_mng_int.h"
 
 #include <algorithm>
@@ -62,7 +62,8 @@ static void __qel_free_inst_sync_msg(qel_unack_sync *unack) noexcept QEL_REQUIRE
     qel_delete(unack);
 }
 
-qel_unack_sync *__qel_find_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node, uint32_t seq) noexcept {
+qel_unack_sync *__qel_find_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node,
+                                         uint32_t seq) noexcept {
     qel_unack_sync *unack = g_qel_mng.unack_index.first(qel_peer_key(peer_app, node));
     while (unack && (unack->msg->hdr.src_app != app_id || qel_load_be32(qel_sync_of(unack->msg)->seq) != seq))
         unack = g_qel_mng.unack_index.next(unack);
@@ -89,7 +90,8 @@ void __qel_clear_sync_inst_msg(uint32_t peer_app, uint32_t node) noexcept {
 static bool may_warn(timespec &last) noexcept {
     timespec now{};
     (void)qel_sys_get().clock_gettime(CLOCK_MONOTONIC, &now);
-    if (last.tv_sec != 0 && (now.tv_sec - last.tv_sec) * 1'000'000'000L + (now.tv_nsec - last.tv_nsec) < 1'000'000'000L)
+    if (last.tv_sec != 0 &&
+        (now.tv_sec - last.tv_sec) * 1'000'000'000L + (now.tv_nsec - last.tv_nsec) < 1'000'000'000L)
         return false;
     last = now;
     return true;

@@ -70,7 +70,8 @@ void qel_del_app_rpc_wait(qel_rpc_wait_mgmt *mgmt) noexcept {
     qel_delete(mgmt);
 }
 
-static qel_rpc_wait *__qel_get_rpc_wait(qel_rpc_wait_mgmt *rpc, uint32_t seq) noexcept QEL_REQUIRES(rpc->mutex) {
+static qel_rpc_wait *__qel_get_rpc_wait(qel_rpc_wait_mgmt *rpc, uint32_t seq) noexcept
+    QEL_REQUIRES(rpc->mutex) {
     for (qel_rpc_wait &wait : rpc->waits)
         if (wait.seq == seq)
             return &wait;
@@ -94,7 +95,8 @@ qel_rpc_wait *qel_get_rpc_wait(uint32_t app_id, uint32_t seq) noexcept {
 
 // ---- opening and ending a wait --------------------------------------------------------------------------
 
-int32_t qel_rpc_prepare_wait(uint32_t app_id, uint32_t seq, uint32_t timeout_s, qel_reply_set *replies) noexcept {
+int32_t qel_rpc_prepare_wait(uint32_t app_id, uint32_t seq, uint32_t timeout_s,
+                             qel_reply_set *replies) noexcept {
     QEL_VERBOSE("QEL app %d seq %d RPC prepare wait.\n", app_id, seq);
     qel_rpc_wait_mgmt *rpc = get_mgmt(app_id);
     if (!rpc)
@@ -171,11 +173,12 @@ static void file_reply(qel_rpc_wait *wait, uint32_t *replier, qel_msg *msg) noex
 }
 
 // A reply without data that the peer could have sent itself.
-static void file_local_reply(uint32_t app_id, qel_rpc_wait *wait, uint32_t *replier, uint32_t status) noexcept {
+static void file_local_reply(uint32_t app_id, qel_rpc_wait *wait, uint32_t *replier,
+                             uint32_t status) noexcept {
     qel_msg *msg = qel_msg_alloc(0, 1, 0);
     QEL_ASSERT(msg != NULL);
-    qel_encode_msg_hdr(msg, 0, *replier >> 16, *replier & 0xFFFF, app_id, static_cast<uint32_t>(qel_get_my_node_id()),
-                       wait->seq, status);
+    qel_encode_msg_hdr(msg, 0, *replier >> 16, *replier & 0xFFFF, app_id,
+                       static_cast<uint32_t>(qel_get_my_node_id()), wait->seq, status);
     file_reply(wait, replier, msg);
 }
 
@@ -186,8 +189,8 @@ static void wake_callers(qel_rpc_wait_mgmt *rpc) noexcept {
 
 int32_t qel_rpc_add_reply(qel_msg *msg) noexcept {
     const qel_hdr &hdr = msg->hdr;
-    QEL_VERBOSE("QEL add RPC reply for app %d seq %d from %d/%d status %s.\n", hdr.dst_app, hdr.seq, hdr.src_app,
-                hdr.src_node, qel_reply_stat_string(hdr.rpc_status));
+    QEL_VERBOSE("QEL add RPC reply for app %d seq %d from %d/%d status %s.\n", hdr.dst_app, hdr.seq,
+                hdr.src_app, hdr.src_node, qel_reply_stat_string(hdr.rpc_status));
     qel_rpc_wait_mgmt *rpc = get_mgmt(hdr.dst_app);
     if (!rpc) {
         QEL_ERROR("QEL get app %d RPC wait not exist.\n", hdr.dst_app);
@@ -202,8 +205,8 @@ int32_t qel_rpc_add_reply(qel_msg *msg) noexcept {
     }
     uint32_t *replier = find_replier(wait, peer_key(hdr.src_app, hdr.src_node));
     if (!replier) {
-        QEL_ERROR("QEL app %d seq %d clear wait for app %d/%d not exist.\n", hdr.dst_app, hdr.seq, hdr.src_app,
-                  hdr.src_node);
+        QEL_ERROR("QEL app %d seq %d clear wait for app %d/%d not exist.\n", hdr.dst_app, hdr.seq,
+                  hdr.src_app, hdr.src_node);
         return -ENOENT;
     }
     file_reply(wait, replier, msg);
@@ -214,8 +217,8 @@ int32_t qel_rpc_add_reply(qel_msg *msg) noexcept {
 
 int32_t qel_rpc_add_error_reply(uint32_t app_id, uint32_t seq, uint32_t peer_app, uint32_t peer_node,
                                 uint32_t status) noexcept {
-    QEL_WARN("QEL add error reply for app %d seq %d from %d/%d status %s.\n", app_id, seq, peer_app, peer_node,
-             qel_reply_stat_string(status));
+    QEL_WARN("QEL add error reply for app %d seq %d from %d/%d status %s.\n", app_id, seq, peer_app,
+             peer_node, qel_reply_stat_string(status));
     qel_rpc_wait_mgmt *rpc = get_mgmt(app_id);
     QEL_ASSERT(rpc != NULL);
     qel_lock lock(rpc->mutex);
@@ -226,7 +229,8 @@ int32_t qel_rpc_add_error_reply(uint32_t app_id, uint32_t seq, uint32_t peer_app
     }
     uint32_t *replier = find_replier(wait, peer_key(peer_app, peer_node));
     if (!replier) {
-        QEL_ERROR("QEL app %d seq %d clear wait for app %d/%d not exist.\n", app_id, seq, peer_app, peer_node);
+        QEL_ERROR("QEL app %d seq %d clear wait for app %d/%d not exist.\n", app_id, seq, peer_app,
+                  peer_node);
         return -ENOENT;
     }
     file_local_reply(app_id, wait, replier, status);
@@ -288,14 +292,15 @@ int32_t qel_rpc_wait_reply(uint32_t app_id, uint32_t seq) noexcept {
             uint32_t *replier = &wait->repliers[i];
             if (*replier == 0)
                 continue;
-            QEL_INFO("QEL app %d seq %d wait for %d/%d timeout.\n", app_id, seq, *replier >> 16, *replier & 0xFFFF);
+            QEL_INFO("QEL app %d seq %d wait for %d/%d timeout.\n", app_id, seq, *replier >> 16,
+                     *replier & 0xFFFF);
             file_local_reply(app_id, wait, replier, QEL_STATUS_TIMEOUT);
         }
         last = 0; // the time-out is told by the replies
     }
 
-    // Everybody answered although the last slice ran out: the deadline and the last reply met. Known, and told as
-    // a failure.
+    // Everybody answered although the last slice ran out: the deadline and the last reply met. Known, and
+    // told as a failure.
     if (last != 0) {
         QEL_ERROR("QEL app %d seq %d wait for RPC reply failed: %s.\n", app_id, seq, strerror(last));
         qel_reply_msg_free(wait->replies);
@@ -311,7 +316,8 @@ int32_t qel_rpc_wait_reply(uint32_t app_id, uint32_t seq) noexcept {
 // The header of a reply to @request from here.
 static qel_msg *new_reply(const qel_msg *request, uint32_t status, uint32_t data_len) noexcept {
     const qel_hdr &asked = request->hdr;
-    qel_msg *msg = qel_new_sys_msg(asked.flags | QEL_FLAG_ACK, asked.dst_app, asked.src_app, asked.src_node, data_len);
+    qel_msg *msg =
+        qel_new_sys_msg(asked.flags | QEL_FLAG_ACK, asked.dst_app, asked.src_app, asked.src_node, data_len);
     msg->hdr.seq = asked.seq;
     msg->hdr.rpc_status = status;
     return msg;
@@ -325,8 +331,8 @@ static int32_t send_reply(qel_msg *msg) noexcept {
 
 int32_t qel_rpc_reply_error(const qel_msg *request, uint32_t status) noexcept {
     const qel_hdr &asked = request->hdr;
-    QEL_VERBOSE("QEL app %d reply to %d/%d seq %d status: %s.\n", asked.dst_app, asked.src_app, asked.src_node,
-                asked.seq, qel_reply_stat_string(status));
+    QEL_VERBOSE("QEL app %d reply to %d/%d seq %d status: %s.\n", asked.dst_app, asked.src_app,
+                asked.src_node, asked.seq, qel_reply_stat_string(status));
     return send_reply(new_reply(request, status, 0));
 }
 
@@ -373,7 +379,8 @@ void qel_cli_print_rpc_stat(uint32_t app_id) noexcept {
         qel_buf_printf("    RPC already replies:\n");
         for (int32_t i = 0; i < wait.replies->count; i++) {
             const qel_hdr &hdr = wait.replies->msg[i]->hdr;
-            qel_buf_printf("      %d/%d, %s\n", hdr.src_app, hdr.src_node, qel_reply_stat_string(hdr.rpc_status));
+            qel_buf_printf("      %d/%d, %s\n", hdr.src_app, hdr.src_node,
+                           qel_reply_stat_string(hdr.rpc_status));
         }
         qel_buf_printf("\n");
     }

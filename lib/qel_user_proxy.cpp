@@ -16,12 +16,10 @@
 #include "qel_port.h"
 #include "qel_rpc.h"
 
-
-
 // ---- registration ---------------------------------------------------------------------------------------
 
-int qel_app_register(int32_t app_id, const char *name, const qel_dispatcher *dispatchers, qel_event_fun event_cb,
-                     uint8_t thread_flag) noexcept {
+int qel_app_register(int32_t app_id, const char *name, const qel_dispatcher *dispatchers,
+                     qel_event_fun event_cb, uint8_t thread_flag) noexcept {
     if (qel_cfg_init() != 0)
         return -1;
     if (!qel_valid_app_id(static_cast<uint32_t>(app_id))) {
@@ -37,7 +35,8 @@ int qel_app_register(int32_t app_id, const char *name, const qel_dispatcher *dis
         count++;
     QEL_VERBOSE("QEL app %d [%s] registered: %d dispatcher version, event %p.\n", app_id, name, count,
                 reinterpret_cast<void *>(event_cb));
-    const int ret = qel_add_app_mng(static_cast<uint32_t>(app_id), name, thread_flag, count, dispatchers, event_cb);
+    const int ret =
+        qel_add_app_mng(static_cast<uint32_t>(app_id), name, thread_flag, count, dispatchers, event_cb);
     if (ret)
         QEL_INFO("QEL registeration for app %d [%s] failed: %s.\n", app_id, name, strerror(abs(ret)));
     else
@@ -113,8 +112,9 @@ int qel_set_fd_close_on_exec(int32_t fd) noexcept {
     return 0;
 }
 
-// A window of 1,025 messages passes the default queue from about 1 KiB on, and what the queue rejects is never
-// acknowledged. Where the process may, its queue holds a window of any size; where not, that is all right too.
+// A window of 1,025 messages passes the default queue from about 1 KiB on, and what the queue rejects is
+// never acknowledged. Where the process may, its queue holds a window of any size; where not, that is all
+// right too.
 static void enlarge_receive_queue(int32_t sd) noexcept {
     const int bytes = 96 << 20;
     (void)qel_port_get().setsockopt(sd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes);
@@ -145,8 +145,9 @@ int32_t qel_create_app_socket(int32_t app_id, int32_t priority) noexcept {
 }
 
 int qel_bind_app_socket(int32_t app_id, int32_t sd) noexcept {
-    const sockaddr_tipc name = qel_name_addr(
-        qel_name_type, qel_name_instance(static_cast<uint32_t>(app_id), static_cast<uint32_t>(qel_get_my_node_id())));
+    const sockaddr_tipc name =
+        qel_name_addr(qel_name_type, qel_name_instance(static_cast<uint32_t>(app_id),
+                                                       static_cast<uint32_t>(qel_get_my_node_id())));
     while (qel_port_get().bind(sd, reinterpret_cast<const sockaddr *>(&name), sizeof name) != 0) {
         const int error = errno;
         QEL_ERROR("QEL app %d bind socket %d failed: %s.\n", app_id, sd, strerror(error));
@@ -177,8 +178,8 @@ void qel_init_seq() noexcept {
     g_seq.store(seed, std::memory_order_relaxed);
 }
 
-// Reads after the unlock, on purpose: two callers at the same moment may both get the newer number. The wrap past
-// 0 is stored in one step, so nobody ever sees 0.
+// Reads after the unlock, on purpose: two callers at the same moment may both get the newer number. The wrap
+// past 0 is stored in one step, so nobody ever sees 0.
 uint32_t qel_get_seq() noexcept {
     {
         qel_lock lock(g_seq_mutex);
@@ -225,8 +226,8 @@ int qel_get_node_mbrs(uint32_t app_id, int32_t dst_node, uint32_t nodes[QEL_NODE
     return 0;
 }
 
-// The servers of @member as @app_id means them: without its own instance here where @flags say so. False: leave
-// the member out, for nobody knows which node this is.
+// The servers of @member as @app_id means them: without its own instance here where @flags say so. False:
+// leave the member out, for nobody knows which node this is.
 static bool member_servers(uint32_t app_id, uint32_t member, uint32_t flags, qel_node_map *map) noexcept {
     qel_get_app_server(member, map);
     if (member == app_id && flags & QEL_SEND_NOT_SELF) {
@@ -238,8 +239,8 @@ static bool member_servers(uint32_t app_id, uint32_t member, uint32_t flags, qel
     return true;
 }
 
-// Calls @visit(node) for each node of @map that the destination means: all of them in ascending order, or those
-// of the list in its order. Returns how many there were; a false from @visit stops.
+// Calls @visit(node) for each node of @map that the destination means: all of them in ascending order, or
+// those of the list in its order. Returns how many there were; a false from @visit stops.
 template <class Visit>
 static uint32_t each_node(const qel_node_map &map, const uint32_t *nodes, Visit visit) noexcept {
     uint32_t count = 0;
@@ -275,8 +276,8 @@ static int qel_check_send_arg(uint32_t app_id, const qel_msg *msg) noexcept {
     return 0;
 }
 
-// One send to the servers of @members, on the nodes of the list or, without one, on all nodes. First every member
-// is admitted, then everything is sent: a refusal leaves nothing half sent.
+// One send to the servers of @members, on the nodes of the list or, without one, on all nodes. First every
+// member is admitted, then everything is sent: a refusal leaves nothing half sent.
 struct send_job {
     uint32_t app_id, dst;
     int32_t dst_node;
@@ -311,7 +312,8 @@ struct send_job {
                 continue;
             const int32_t ret = qel_fc_check(app_id, member, flags);
             if (ret) {
-                QEL_WARN("QEL app %d to %d check msg flow ctrl failed: %s.\n", app_id, member, strerror(abs(ret)));
+                QEL_WARN("QEL app %d to %d check msg flow ctrl failed: %s.\n", app_id, member,
+                         strerror(abs(ret)));
                 return refuse(ret);
             }
             admitted++;
@@ -369,7 +371,8 @@ int qel_sendto(uint32_t app_id, uint32_t dst_app, int32_t dst_node, qel_msg *msg
     if (dst_node == QEL_ANY_NODE)
         return qel_send(app_id, dst_app, msg, flags);
     uint32_t nodes[QEL_NODE_GROUP_MBRS];
-    send_job job{.app_id = app_id, .dst = dst_app, .dst_node = dst_node, .msg = msg, .flags = flags, .nodes = nodes};
+    send_job job{
+        .app_id = app_id, .dst = dst_app, .dst_node = dst_node, .msg = msg, .flags = flags, .nodes = nodes};
     if ((ret = qel_get_app_mbrs(app_id, dst_app, job.members)) != 0 ||
         (ret = qel_get_node_mbrs(app_id, dst_node, nodes)) != 0)
         return job.refuse(ret);
@@ -392,10 +395,10 @@ static int32_t qel_check_rpc_arg(uint32_t src_app, const qel_msg *msg, qel_reply
     return 0;
 }
 
-// Opens the wait of a call and lists its repliers. @nodes null: any node. On a failure no wait is left and the set
-// is empty.
-static int32_t qel_prepare_rpc(uint32_t src_app, int32_t dst_node, uint32_t dst_app, uint32_t seq, uint32_t flags,
-                               uint32_t timeout_s, qel_reply_set *set) noexcept {
+// Opens the wait of a call and lists its repliers. @nodes null: any node. On a failure no wait is left and
+// the set is empty.
+static int32_t qel_prepare_rpc(uint32_t src_app, int32_t dst_node, uint32_t dst_app, uint32_t seq,
+                               uint32_t flags, uint32_t timeout_s, qel_reply_set *set) noexcept {
     const bool any = dst_node == QEL_ANY_NODE;
     uint32_t members[QEL_APP_GROUP_MBRS], nodes[QEL_NODE_GROUP_MBRS];
     int32_t ret = qel_get_app_mbrs(src_app, dst_app, members);
@@ -432,8 +435,8 @@ static int32_t qel_prepare_rpc(uint32_t src_app, int32_t dst_node, uint32_t dst_
         if (any)
             QEL_VERBOSE("QEL app %d rpc %d(0x%x) has no server.\n", src_app, dst_app, dst_app);
         else
-            QEL_VERBOSE("QEL app %d rpcto %d/%d(0x%x/0x%x) has no server.\n", src_app, dst_app, dst_node, dst_app,
-                        dst_node);
+            QEL_VERBOSE("QEL app %d rpcto %d/%d(0x%x/0x%x) has no server.\n", src_app, dst_app, dst_node,
+                        dst_app, dst_node);
         ret = -ENOENT;
     }
     if (ret)
@@ -482,16 +485,16 @@ static int32_t call(uint32_t src_app, int32_t dst_node, uint32_t dst_app, qel_ms
 
 int32_t qel_rpc(uint32_t src_app, uint32_t dst_app, qel_msg *msg, uint32_t flags, uint32_t timeout_s,
                 qel_reply_set *set) noexcept {
-    QEL_VERBOSE("QEL user app %d rpc %d(0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app, dst_app,
-                dst_app, static_cast<void *>(msg), flags, timeout_s, static_cast<void *>(set));
+    QEL_VERBOSE("QEL user app %d rpc %d(0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app,
+                dst_app, dst_app, static_cast<void *>(msg), flags, timeout_s, static_cast<void *>(set));
     const int32_t ret = qel_check_rpc_arg(src_app, msg, set);
     return ret ? ret : call(src_app, QEL_ANY_NODE, dst_app, msg, flags, timeout_s, set);
 }
 
 int32_t qel_rpcto(uint32_t src_app, int32_t dst_node, uint32_t dst_app, qel_msg *msg, uint32_t flags,
                   uint32_t timeout_s, qel_reply_set *set) noexcept {
-    QEL_VERBOSE("QEL user app %d rpcto %d/%d(0x%x/0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n", src_app,
-                dst_app, dst_node, dst_app, dst_node, static_cast<void *>(msg), flags, timeout_s,
+    QEL_VERBOSE("QEL user app %d rpcto %d/%d(0x%x/0x%x), msg %p, flags 0x%x, timeout %u, ret_buf %p.\n",
+                src_app, dst_app, dst_node, dst_app, dst_node, static_cast<void *>(msg), flags, timeout_s,
                 static_cast<void *>(set));
     const int32_t ret = qel_check_rpc_arg(src_app, msg, set);
     if (ret)
@@ -517,8 +520,8 @@ int32_t qel_rpc_reply(qel_msg *request, qel_msg *reply, uint32_t flags) noexcept
     int32_t ret;
     if (reply) {
         qel_encode_msg_hdr(reply, asked.flags | QEL_FLAG_ACK, asked.dst_app,
-                           static_cast<uint32_t>(qel_get_my_node_id()), asked.src_app, asked.src_node, asked.seq,
-                           QEL_STATUS_SUCCESS);
+                           static_cast<uint32_t>(qel_get_my_node_id()), asked.src_app, asked.src_node,
+                           asked.seq, QEL_STATUS_SUCCESS);
         ret = qel_tipc_sendto(asked.dst_app, reply, asked.src_app, asked.src_node, 0);
     } else {
         ret = qel_rpc_reply_error(request, QEL_STATUS_SYSTEM);

@@ -1,5 +1,5 @@
-// The platform's watchdog where there is one: calls its three functions if the program or one of its libraries
-// defines them, does nothing otherwise.
+// The platform's watchdog where there is one: calls its three functions if the program or one of its
+// libraries defines them, does nothing otherwise.
 #ifndef QEL_WATCHDOG_H
 #define QEL_WATCHDOG_H
 
