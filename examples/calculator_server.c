@@ -1,6 +1,6 @@
 /*
- * calculator_server: answers remote procedure calls. A request's data are a text like "6 * 7", the reply's the
- * result or what was wrong.
+ * calculator_server: answers remote procedure calls. A request's data are a text like "6 * 7", the reply's
+ * the result or what was wrong.
  *
  *     calculator_server [APP [CLIENT [COUNT]]]        by default 200 201 0
  *

@@ -2,9 +2,9 @@
 //
 //     gateway [APP [SENSOR [LISTENER [LIMIT]]]]        by default 102 100 101 22000
 //
-// Runs as application APP until SIGTERM or SIGINT and relays readings above LIMIT millidegrees. A relay that waits
-// for its listener makes its senders wait in turn, on every node; this one rather drops what flow control refuses
-// and counts it.
+// Runs as application APP until SIGTERM or SIGINT and relays readings above LIMIT millidegrees. A relay that
+// waits for its listener makes its senders wait in turn, on every node; this one rather drops what flow
+// control refuses and counts it.
 #include "sensor_protocol.h"
 #include <arpa/inet.h>
 #include <atomic>

@@ -1,9 +1,9 @@
-// inventory: asks every sensor on every node at once, with one remote procedure call, and prints a line for each.
+// inventory: asks every sensor on every node at once, with one remote procedure call, and prints a line each.
 //
 //     inventory [NODES [APP [SENSOR]]]        by default 1 110 100
 //
-// Runs as application APP, waits until SENSOR has joined on NODES nodes (10 seconds at most), calls them all and
-// ends; with 0 when all NODES nodes have answered.
+// Runs as application APP, waits until SENSOR has joined on NODES nodes (10 seconds at most), calls them all
+// and ends; with 0 when all NODES nodes have answered.
 #include "sensor_protocol.h"
 #include <arpa/inet.h>
 #include <chrono>

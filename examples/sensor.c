@@ -3,8 +3,8 @@
  *
  *     sensor [APP [LISTENER [COUNT [INTERVAL_MS]]]]        by default 100 101 0 1000
  *
- * Runs as application APP and sends readings to every instance of application LISTENER, on whatever node; COUNT
- * of them or, with 0, until SIGTERM or SIGINT.
+ * Runs as application APP and sends readings to every instance of application LISTENER, on whatever node;
+ * COUNT of them or, with 0, until SIGTERM or SIGINT.
  */
 #include "sensor_protocol.h"
 #include <arpa/inet.h>
