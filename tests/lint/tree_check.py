@@ -33,6 +33,8 @@ UPWARD = {}
 
 # Tests wait for conditions, not for time. file -> why time itself is what it waits for.
 MAY_SLEEP = {
+    "tests/support/agent.c": "applications that are slow on purpose",
+    "tests/support/qel_agents.py": "what is waited for is in another process or must not happen",
     "tests/kernel/guest_init.py": "the first process of a guest has nobody who could tell it anything",
 }
 
