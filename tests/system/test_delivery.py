@@ -9,8 +9,6 @@ from qel_agents import SANITIZED, SystemTest, main  # noqa: E402
 class Delivery(SystemTest):
     def test_a_million_messages_of_mixed_sizes_arrive_once_whole_and_in_order(self):
         count = 100_000 if self.real or SANITIZED else 1_000_000
-        if self.real:  # one window of large messages is more than the kernel's default buffer holds
-            self.set_receive_buffer()
         a, b = self.pair()
         sending = a.start("sendto", 20, 21, 2, count, "mix", 0)
         got = b.arrived(21, 20, 1, count, timeout=280)
@@ -19,8 +17,6 @@ class Delivery(SystemTest):
         self.assertGreater(got.bytes, count * 2000)
 
     def test_the_largest_and_the_smallest_message_alternate(self):
-        if self.real:
-            self.set_receive_buffer()
         a, b = self.pair()
         for size in (65536, 0) * 5:
             self.assertEqual(a.call("sendto", 20, 21, 2, 20, size, 0)[:2], [0, 20])
@@ -43,10 +39,6 @@ class Delivery(SystemTest):
         a.joined(20, 1)
         self.assertEqual(a.call("sendto", 20, 0, -2, 50000, 128, 0, timeout=60)[:2], [0, 50000])
         a.arrived(20, 20, 1, 50000)
-
-    def set_receive_buffer(self):
-        for n in (1, 2):
-            self.node(n).run(["sysctl", "-w", "net.tipc.tipc_rmem=524288 33554432 67108864"], check=True)
 
 
 if __name__ == "__main__":
