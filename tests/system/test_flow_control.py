@@ -100,7 +100,7 @@ class FlowControl(SystemTest):
         a.quit(21, 2, timeout=5)
         words = sending.result(10)
         self.assertEqual(words[0], -2, "released into a world without receivers")
-        # The send that waited has been counted against the peer that is gone: at most it alone went out since.
+        # At most the one message that waited has gone out since, to nobody.
         self.assertIn(words[1], (WINDOW, WINDOW + 1))
         successor = self.agent(2, {21: [20]})
         a.joined(21, 2)

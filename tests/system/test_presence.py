@@ -127,8 +127,8 @@ class TwoNodes(SystemTest):
         b = self.agent(2, {21: [20, 22]})
         b.joined(20, 1)
         b.joined(22, 1)
-        # Either subscriber may be told first. A sync that comes late takes the peer down and up again, at once
-        # or, if nothing of the handshake is left to come, by the resume after a minute.
+        # Either subscriber may be told first. A sync that comes late takes the peer down and up again, at
+        # once or, if nothing of the handshake is left to come, by the resume after a minute.
         a.joined(21, 2)
         for app in (20, 22):
             self.assertEqual(a.call("send", app, 21, 5, 100, 0, "retry=75000", timeout=90)[0], 0)
