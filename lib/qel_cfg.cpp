@@ -317,19 +317,10 @@ int32_t qel_get_app_mc_members(uint32_t group_id, uint32_t members[QEL_APP_GROUP
 // -1 until it is known. Every thread that reads the file first writes the same value.
 static constinit std::atomic<int32_t> g_node_id{-1};
 
-int32_t qel_get_my_node_id() noexcept {
-    int32_t node = g_node_id.load(std::memory_order_relaxed);
-    if (node != -1)
-        return node;
-    const file_path path("/tmp/addr/.qel_node_addr");
-    const file_guard addr(path.text);
-    if (!addr.file) {
-        QEL_WARN("QEL open node address config file %s failed: %s.\n", path.text, strerror(errno));
-        return -1;
-    }
+int32_t qel_parse_node_address(FILE *file) noexcept {
     char line[line_size];
     const char *start = nullptr;
-    while (!start && fgets(line, sizeof line, addr.file)) {
+    while (!start && fgets(line, sizeof line, file)) {
         for (const char *p = line; *p && !start; p++)
             if (!is_space(*p))
                 start = p;
@@ -340,11 +331,27 @@ int32_t qel_get_my_node_id() noexcept {
         QEL_ERROR("QEL get node address config failed.\n");
         return -1;
     }
-    node = saturate(value);
+    const int32_t node = saturate(value);
     if (node < 0 || node > QEL_NODE_ID_MAX) {
         QEL_ERROR("QEL get node address %d invalid.\n", node);
         return -1;
     }
+    return node;
+}
+
+int32_t qel_get_my_node_id() noexcept {
+    int32_t node = g_node_id.load(std::memory_order_relaxed);
+    if (node != -1)
+        return node;
+    const file_path path("/tmp/addr/.qel_node_addr");
+    const file_guard addr(path.text);
+    if (!addr.file) {
+        QEL_WARN("QEL open node address config file %s failed: %s.\n", path.text, strerror(errno));
+        return -1;
+    }
+    node = qel_parse_node_address(addr.file);
+    if (node < 0)
+        return -1;
     g_node_id.store(node, std::memory_order_relaxed);
     QEL_VERBOSE("QEL get self node config ID %d.\n", node);
     return node;

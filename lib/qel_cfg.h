@@ -65,5 +65,7 @@ struct qel_mc_cfg_line {
 // line.
 int qel_parse_app_cfg_line(const char *line, qel_app_cfg_line *out) noexcept;
 int qel_parse_mc_cfg_line(const char *line, qel_mc_cfg_line *out) noexcept;
+// The node ID that an address file holds, or -1 after an error line.
+int32_t qel_parse_node_address(FILE *file) noexcept;
 
 #endif

@@ -1,0 +1,14 @@
+// A receive without data: the control records are the input, from the first byte on that chooses the socket.
+#include "fuzz_bus.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    fuzz_bus::start();
+    if (size < 1)
+        return 0;
+    fuzz_bus::data_len = 0;
+    fuzz_bus::control = data + 1;
+    fuzz_bus::control_len = size - 1;
+    qel_rx_app_socket(data[0] & 1);
+    fuzz_bus::forget_now_and_then();
+    return 0;
+}
