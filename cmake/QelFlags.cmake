@@ -54,7 +54,7 @@ if(QEL_SANITIZE)
     add_link_options(-fsanitize=${QEL_SANITIZE})
 endif()
 if(QEL_FUZZ)
-    add_compile_options(-fsanitize=fuzzer-no-link)
+    add_compile_options(-fsanitize=fuzzer-no-link -O2) # millions of runs
 endif()
 if(QEL_COVERAGE)
     add_compile_options(--coverage -fprofile-update=atomic)

@@ -219,15 +219,22 @@ void qel_dm_record_log(const char *text) noexcept {
 
 // ---- print buffer and statistics file -------------------------------------------------------------------
 
+static bool g_pb_overflowed QEL_GUARDED_BY(g_print_mutex) = false; // the notice is there
+
 static char *pb_text() noexcept { return g_pb_msg_buf + QEL_MSG_DATA_OFFSET; }
 
 void qel_buf_printf_reset() noexcept {
     g_print_msg = ::new (g_pb_msg_buf) qel_msg{};
     g_print_msg->hdr.len = QEL_MSG_HDR_LEN + 1;
     *pb_text() = '\0';
+    g_pb_overflowed = false;
 }
 
+bool qel_buf_full() noexcept { return g_pb_overflowed; }
+
 void qel_buf_printf(const char *fmt, ...) noexcept {
+    if (g_pb_overflowed)
+        return;
     static constexpr char notice[] = "*** PRINT BUFFER STRING OVERFLOW ***\n";
     char piece[256];
     va_list args;
@@ -242,6 +249,7 @@ void qel_buf_printf(const char *fmt, ...) noexcept {
     if (len > room) {
         memcpy(pb_text(), notice, sizeof notice - 1);
         len = room;
+        g_pb_overflowed = true;
     }
     char *end = pb_text() + (g_print_msg->hdr.len - QEL_MSG_HDR_LEN - 1);
     memcpy(end, piece, len);

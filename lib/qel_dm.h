@@ -39,6 +39,8 @@ extern qel_msg *g_print_msg QEL_PT_GUARDED_BY(g_print_mutex);
 void qel_buf_printf_reset() noexcept QEL_REQUIRES(g_print_mutex);
 // A piece is at most 255 characters. What passes the end is cut and an overflow notice put at the start.
 [[gnu::format(printf, 1, 2)]] void qel_buf_printf(const char *fmt, ...) noexcept QEL_REQUIRES(g_print_mutex);
+// The text is full and cut: what walks long lists may stop, nothing more is taken.
+bool qel_buf_full() noexcept QEL_REQUIRES(g_print_mutex);
 // Answers @request with the text; the result of qel_rpc_reply().
 int qel_buf_printf_reply(qel_msg *request) noexcept QEL_REQUIRES(g_print_mutex);
 // Rewrites the statistics file with the text; a failure closes the file for good.

@@ -460,10 +460,17 @@ void qel_cli_print_fc_stat(uint32_t app_id) noexcept {
                    fc->total_unack, fc->mcast_reject, fc->rpc_reply_exception);
     qel_buf_printf("  total receive %d, unack %d, exception %d\n", fc->total_recv, fc->total_recv_unack,
                    fc->recv_exception.load(std::memory_order_relaxed));
-    for (const qel_send_app_fc &s : fc->sends)
+    // A peer can make us keep any number of these.
+    for (const qel_send_app_fc &s : fc->sends) {
+        if (qel_buf_full())
+            return;
         qel_buf_printf("    Send to application %d/%d: send %d, unack %d, reject %d, RPC reply reject %d\n",
                        s.peer_app, s.peer_node, s.send, s.unack, s.reject, s.rpc_reply_reject);
-    for (const qel_recv_app_fc &r : fc->recvs)
+    }
+    for (const qel_recv_app_fc &r : fc->recvs) {
+        if (qel_buf_full())
+            return;
         qel_buf_printf("    Receive from application %d/%d: receive %d, unack %d, drop %d, return %d\n",
                        r.peer_app, r.peer_node, r.receive, r.unack, r.drop, r.returned);
+    }
 }

@@ -206,7 +206,7 @@ int qel_blocked_resume_enabled() noexcept {
 // ---- prints ---------------------------------------------------------------------------------------------
 
 static void print_nodes(const qel_node_map &map) noexcept QEL_REQUIRES(g_print_mutex) {
-    for (uint32_t node = map.next(0); node < qel_node_count; node = map.next(node + 1))
+    for (uint32_t node = map.next(0); node < qel_node_count && !qel_buf_full(); node = map.next(node + 1))
         qel_buf_printf(" %d", static_cast<int>(node));
     qel_buf_printf("\n");
 }
@@ -262,25 +262,34 @@ void qel_cli_print_lib_info(uint32_t app_id) noexcept {
 
     if (!g_qel_mng.unacks.empty()) {
         qel_buf_printf("\n  Unack instance sync(src_app/seq->dst_app/dst_node):\n   ");
-        for (qel_unack_sync &u : g_qel_mng.unacks)
+        for (qel_unack_sync &u : g_qel_mng.unacks) {
+            if (qel_buf_full())
+                return;
             qel_buf_printf(" %d/%d->%d/%d", static_cast<int>(u.msg->hdr.src_app),
                            static_cast<int>(qel_load_be32(qel_sync_of(u.msg)->seq)),
                            static_cast<int>(u.msg->hdr.dst_app), static_cast<int>(u.msg->hdr.dst_node));
+        }
         qel_buf_printf("\n");
     }
     if (!g_qel_mng.resumes.empty()) {
         qel_buf_printf("\n  Communication resume info(src_app/seq->dst_app/dst_node):\n   ");
-        for (qel_resume_comm &r : g_qel_mng.resumes)
+        for (qel_resume_comm &r : g_qel_mng.resumes) {
+            if (qel_buf_full())
+                return;
             qel_buf_printf(" %d/%d->%d/%d", static_cast<int>(r.src_app), static_cast<int>(r.timer_seq),
                            static_cast<int>(r.peer_app), static_cast<int>(r.peer_node));
+        }
         qel_buf_printf("\n");
     }
     if (!g_qel_mng.resends.empty()) {
         qel_buf_printf("\n  Resend instance sync ack(src_app->dst_app/dst_node/seq):\n   ");
-        for (qel_resend_sync &r : g_qel_mng.resends)
+        for (qel_resend_sync &r : g_qel_mng.resends) {
+            if (qel_buf_full())
+                return;
             qel_buf_printf(" %d->%d/%d/%d", static_cast<int>(r.msg->hdr.src_app),
                            static_cast<int>(r.msg->hdr.dst_app), static_cast<int>(r.msg->hdr.dst_node),
                            static_cast<int>(qel_load_be32(qel_sync_of(r.msg)->seq)));
+        }
         qel_buf_printf("\n");
     }
 }
