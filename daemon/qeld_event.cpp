@@ -27,6 +27,7 @@ static const char work_thread_name[] = "qeld_app_info";
 
 constexpr uint32_t daemon_app = 1;
 constexpr int readable_wait_ms = 2000;
+constexpr int vain_wait_ms = 130; // while somebody is asked who is gone
 constexpr uint64_t retry_us = 1'000'000;
 constexpr uint32_t work_wait_s = 60; // no more than a period after which the worker looks again
 
@@ -105,6 +106,11 @@ static void work_end_vain_wait() noexcept {
     }
     if (app_id)
         (void)qel_terminate_rpc(daemon_app, app_id, static_cast<uint32_t>(qel_get_my_node_id()));
+}
+
+static bool work_waits_in_vain() noexcept {
+    qel_lock lock(g_work.mutex);
+    return g_work.asked_in_vain;
 }
 
 // The connection is gone and with it any withdrawal that would have come: what waits is worth nothing, nor is
@@ -324,10 +330,12 @@ void qeld_process_event(const tipc_event *event) noexcept {
 
 // ---- the reader -----------------------------------------------------------------------------------------
 
-int socket_wait_readable(int32_t sd) noexcept {
+static int wait_readable(int32_t sd, int timeout_ms) noexcept {
     pollfd fd = {.fd = sd, .events = POLLIN, .revents = 0};
-    return qel_port_get().poll(&fd, 1, readable_wait_ms) == 1 ? 0 : -1;
+    return qel_port_get().poll(&fd, 1, timeout_ms) == 1 ? 0 : -1;
 }
+
+int socket_wait_readable(int32_t sd) noexcept { return wait_readable(sd, readable_wait_ms); }
 
 // Opens and subscribes anew until it works. A server that has dropped the connection may do so again at once.
 static void qeld_reconnect() noexcept {
@@ -355,10 +363,15 @@ static void qeld_reconnect() noexcept {
 
 void qeld_event_step() noexcept {
     qel_watchdog_feed(event_thread_name);
-    work_end_vain_wait();
     const int32_t sd = g_app_mng.sd.load(std::memory_order_relaxed);
-    if (socket_wait_readable(sd) != 0)
+    if (work_waits_in_vain()) {
+        if (wait_readable(sd, vain_wait_ms) != 0) {
+            work_end_vain_wait();
+            return;
+        }
+    } else if (socket_wait_readable(sd) != 0) {
         return;
+    }
     tipc_event event;
     static_assert(sizeof event == 48);
     errno = 0;

@@ -115,7 +115,6 @@ static size_t slot_of(uint64_t key, size_t slot_count) noexcept {
 
 void qel_hash_base::grow() noexcept {
     const size_t new_count = slot_count_ ? slot_count_ * 2 : 16;
-    // NOLINTNEXTLINE(bugprone-sizeof-expression): it is a table of pointers
     auto **table = static_cast<qel_hash_hook **>(qel_zalloc(new_count * sizeof(qel_hash_hook *)));
     for (size_t i = 0; i < slot_count_; i++) {
         for (qel_hash_hook *hook = slots_[i]; hook;) {

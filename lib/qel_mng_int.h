@@ -104,8 +104,8 @@ qel_msg *qel_new_event_msg(uint32_t app_id, uint32_t event, uint32_t node, uint3
 
 void *qel_socket_msg_dist_thread_fun(void *) noexcept;
 // The thread's steps, one by one, for tests and fuzzing; library thread only.
-void qel_rx_topology_event(const void *event) noexcept; // 48 bytes
-void qel_rx_app_socket(uint32_t slot) noexcept;         // one message from the slot's socket
+void qel_rx_topology_event(const void *bytes) noexcept; // 48 bytes
+void qel_rx_app_socket(uint32_t index) noexcept;        // one message from the slot's socket
 
 // Timer types: the first word of a timer subscription's handle.
 enum qel_timer_type : uint32_t { QEL_TIMER_RESUME = 0, QEL_TIMER_RESEND = 1, QEL_TIMER_MONITOR = 2 };

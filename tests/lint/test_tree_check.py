@@ -32,6 +32,15 @@ class Rules(unittest.TestCase):
         self.assert_breach({"lib/qel_base.cpp": '#include "qel_cfg.h"\n'}, "above qel_base")
         self.assert_fine({"lib/qel_cfg.cpp": '#include "qel_base.h"\n'})
 
+    def test_upward_include_of_a_header_of_the_bus_is_found(self):
+        header = "#ifndef QEL_MC_H\n#define QEL_MC_H\n{}#endif\n"
+        self.assert_breach({"lib/qel_mc.h": header.format('#include "qel_app_info.h"\n')}, "above qel_mc")
+        self.assert_fine({"lib/qel_mc.cpp": '#include "qel_app_info.h"\n'})
+
+    def test_inner_header_in_a_foreign_file_is_found(self):
+        self.assert_breach({"lib/qel_rpc.cpp": '#include "qel_mng_int.h"\n'}, "qel_mng files only")
+        self.assert_fine({"lib/qel_mng_msg.cpp": '#include "qel_mng_int.h"\n'})
+
     def test_module_without_a_place_in_the_order_is_found(self):
         self.assert_breach({"lib/qel_new.cpp": '#include "qel_base.h"\n'}, "no place in LAYERS")
 

@@ -9,21 +9,31 @@ import shutil
 import subprocess
 import sys
 
-# The order of modules: a file may include the headers of its own row and of the rows above it.
+# The order of modules. A header includes those of its own row and of the rows above it, and so do sources as
+# far as FOUNDATION; the sources of the bus itself call each other both ways.
 LAYERS = [
     ["qel/qel"],  # the public header knows nothing of us
+    ["qel_watchdog"],
     ["qel_base"],  # the toolbox knows nothing of the bus
     ["qel_port", "qel_tlv", "qel_node_map"],
     ["qel_log", "qel_dbg", "qel_dm", "qel_msg"],
     ["qel_cfg"],
     ["qel_mc"],
-    ["qel_rpc", "qel_flow_ctrl", "qel_app_info", "qel_mng", "qel_mng_msg", "qel_user_proxy"],
+    ["qel_rpc"],
+    ["qel_flow_ctrl"],
+    ["qel_app_info"],
+    ["qel_mng_msg"],
+    ["qel_user_proxy"],
+    ["qel_mng"],
     ["qel_mng_int"],
 ]
+FOUNDATION = "qel_cfg"
 # The files of one module have one place in the order.
 MODULE_OF = {
     "qel_port_local": "qel_port",
-    "qel_port_tipc": "qel_port",
+    "qel_port_local_queue": "qel_port",
+    "qel_port_local_ctl": "qel_port",
+    "qel_fabric_proto": "qel_port",
     "qel_mng_rx": "qel_mng_int",
     "qel_mng_presence": "qel_mng_int",
     "qel_mng_sync": "qel_mng_int",
@@ -124,6 +134,9 @@ class Tree:
                         self.breach(path, line, f"module {module} has no place in LAYERS of tree_check.py")
                     elif wanted not in rank:
                         self.breach(path, line, f"{header}.h is no header of the library")
+                    elif path.endswith(".cpp") and rank[module] > rank[FOUNDATION]:
+                        if header.endswith("_int") and not module.startswith(header.removesuffix("_int")):
+                            self.breach(path, line, f"{header}.h is for the {header[:-4]} files only")
                     elif rank[wanted] > rank[module] and header not in UPWARD.get(path, {}):
                         self.breach(path, line, f"{header}.h stands above {module} in the order of modules")
                 elif top in ("examples", "docs") and header != "qel/qel" \

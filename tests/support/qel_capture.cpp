@@ -70,10 +70,9 @@ std::vector<std::string> qel_capture::lines(const std::string &file, int level) 
 std::string qel_without_line_numbers(const std::string &text) {
     std::string out;
     for (size_t i = 0; i < text.size();) {
-        size_t j = i;
         if (text[i] == '<') {
-            for (j = i + 1;
-                 j < text.size() && (isalnum(static_cast<unsigned char>(text[j])) || text[j] == '_');)
+            size_t j = i + 1;
+            while (j < text.size() && (isalnum(static_cast<unsigned char>(text[j])) || text[j] == '_'))
                 j++;
             size_t k = j;
             if (text.compare(k, 2, ", ") == 0)

@@ -267,13 +267,15 @@ ssize_t send_any(op what, int fd, const void *data, size_t len, int flags, const
         const auto cut = static_cast<size_t>(f->cut);
         return finish(c, static_cast<long>(std::min(cut, len)), f->err ? f->err : errno);
     }
-    if (what == op::sendto)
-        for (to_fault &f : st().to_faults)
+    if (what == op::sendto) {
+        for (to_fault &f : st().to_faults) {
             if (f.times != 0 && f.app == c.app() && f.node == c.node()) {
                 if (f.times != UINT32_MAX)
                     f.times--;
                 return finish(c, -1, f.err);
             }
+        }
+    }
     sock *s = find(fd);
     if (!s)
         return finish(c, -1, EBADF);

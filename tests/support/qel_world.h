@@ -41,7 +41,7 @@ struct qel_seen {
     qel_hdr hdr{};
     qel_fake::bytes data;
 };
-qel_seen unwire(const qel_fake::bytes &datagram);
+qel_seen unwire(const qel_fake::bytes &b);
 // One TLV item; words in network order.
 qel_fake::bytes tlv(uint16_t type, const std::vector<uint32_t> &words = {});
 uint32_t be32_at(const qel_fake::bytes &b, size_t offset);
