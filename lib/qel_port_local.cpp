@@ -39,7 +39,8 @@ constexpr int local_fds_max = 65536;
 constexpr uint32_t local_polls_blind = 32; // poll() calls answered from the queues alone
 constexpr int local_poll_stack = 64;
 constexpr uint32_t local_reserved_types = 64;
-constexpr uint64_t local_trim_step = 4u << 20;
+constexpr uint64_t local_trim_step = 4u << 20; // bytes through a queue that make it worth trimming
+constexpr int local_trim_after_ms = 1000;
 
 static constinit std::atomic<qel_local_socket *> g_sockets[local_fds_max];
 
@@ -678,7 +679,16 @@ static void sleep_end(pollfd *fds, nfds_t count) {
             qel_lq_sleep_end(s->target->q, s->reader);
     }
 }
-// Memory that a burst left behind, once the queue is empty and its reader has nothing else to do.
+// Much went through one of the queues since it was last trimmed.
+static bool worth_trimming(pollfd *fds, nfds_t count) {
+    for (nfds_t i = 0; i < count; i++) {
+        const qel_local_socket *s = socket_of(fds[i].fd);
+        if (s && !s->topology && s->reader.freed >= s->trim_at)
+            return true;
+    }
+    return false;
+}
+// Memory that a burst left behind, once nothing came for a second.
 static void trim_idle(pollfd *fds, nfds_t count) {
     for (nfds_t i = 0; i < count; i++) {
         qel_local_socket *s = socket_of(fds[i].fd);
@@ -705,16 +715,18 @@ static int poll_sleeping(pollfd *fds, nfds_t count, int timeout_ms) {
             left = passed >= static_cast<uint64_t>(timeout_ms) ? 0 : timeout_ms - static_cast<int>(passed);
         }
         const bool last = left == 0;
-        if (!last) {
-            trim_idle(fds, count);
+        if (!last)
             sleep_begin(fds, count);
-        }
         const int control = qel_local_control_fd();
         const poll_scan before = scan_queues(fds, count);
         if (before.ready > 0)
             left = 0;
         else if (before.first && control < 0 && (left < 0 || left > 100))
             left = 100; // without a fabric: see ten times a second whether there is one again
+        const bool trim = before.ready == 0 && (left < 0 || left >= local_trim_after_ms) &&
+                          worth_trimming(fds, count);
+        if (trim)
+            left = local_trim_after_ms;
         for (nfds_t i = 0; i < count; i++) {
             const qel_local_socket *s = socket_of(fds[i].fd);
             const bool queue = s && !s->topology;
@@ -737,6 +749,8 @@ static int poll_sleeping(pollfd *fds, nfds_t count, int timeout_ms) {
             result = -1;
             break;
         }
+        if (got == 0 && trim)
+            trim_idle(fds, count);
         result = 0;
         for (nfds_t i = 0; i < count; i++) {
             const qel_local_socket *s = socket_of(fds[i].fd);
