@@ -16,9 +16,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-// Until the local transport is linked in, its name is no choice.
-extern const qel_port g_qel_port_local [[gnu::weak]];
-
 static int kernel_socket(int domain, int type, int protocol) {
     const int fd = ::socket(domain, type, protocol);
     if (fd < 0 && errno == EAFNOSUPPORT) {
@@ -80,7 +77,7 @@ static void choose_port() {
     const qel_port *port = &refusing;
     if (!name || !strcmp(name, g_qel_port_kernel.name))
         port = &g_qel_port_kernel;
-    else if (&g_qel_port_local && !strcmp(name, g_qel_port_local.name))
+    else if (!strcmp(name, g_qel_port_local.name))
         port = &g_qel_port_local;
     else
         fprintf(stderr, "qel: QEL_TRANSPORT is \"%.64s\"; it may be \"kernel\" or \"local\"\n", name);
