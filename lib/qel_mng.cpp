@@ -30,24 +30,28 @@ static void qel_lib_atexit() {}
 
 // ---- start of the library -------------------------------------------------------------------------------
 
+// Leaves the errno of the step that failed for the caller's line.
 int32_t qel_create_subscription_socket() noexcept {
     const qel_port &port = qel_port_get();
     const int32_t sd = port.socket(AF_TIPC, SOCK_SEQPACKET, 0);
     if (sd < 0) {
-        QEL_ERROR("QEL create subscription socket descriptor failed: %s.\n", strerror(errno));
-        return -1;
-    }
-    if (qel_set_fd_close_on_exec(sd) != 0) {
-        port.close(sd);
+        const int error = errno;
+        QEL_ERROR("QEL create subscription socket descriptor failed: %s.\n", strerror(error));
+        errno = error;
         return -1;
     }
     const sockaddr_tipc server = qel_name_addr(TIPC_TOP_SRV, TIPC_TOP_SRV);
-    if (port.connect(sd, reinterpret_cast<const sockaddr *>(&server), sizeof server) != 0) {
-        QEL_ERROR("QEL connect to TIPC topology server failed: %s.\n", strerror(errno));
-        port.close(sd);
-        return -1;
+    if (qel_set_fd_close_on_exec(sd) == 0) {
+        if (port.connect(sd, reinterpret_cast<const sockaddr *>(&server), sizeof server) == 0)
+            return sd;
+        const int error = errno;
+        QEL_ERROR("QEL connect to TIPC topology server failed: %s.\n", strerror(error));
+        errno = error;
     }
-    return sd;
+    const int error = errno;
+    port.close(sd);
+    errno = error;
+    return -1;
 }
 
 static void drop_subscription_socket() noexcept {

@@ -101,15 +101,15 @@ sockaddr_tipc qel_name_addr(uint32_t type, uint32_t instance) noexcept {
 
 int qel_set_fd_close_on_exec(int32_t fd) noexcept {
     const int flags = qel_port_get().fcntl(fd, F_GETFD, 0);
-    if (flags < 0) {
-        QEL_ERROR("QEL get file %d flags error: %s.\n", fd, strerror(errno));
-        return -1;
-    }
-    if (qel_port_get().fcntl(fd, F_SETFD, flags | FD_CLOEXEC) < 0) {
-        QEL_ERROR("QEL set file %d flags error: %s.\n", fd, strerror(errno));
-        return -1;
-    }
-    return 0;
+    if (flags >= 0 && qel_port_get().fcntl(fd, F_SETFD, flags | FD_CLOEXEC) >= 0)
+        return 0;
+    const int error = errno;
+    if (flags < 0)
+        QEL_ERROR("QEL get file %d flags error: %s.\n", fd, strerror(error));
+    else
+        QEL_ERROR("QEL set file %d flags error: %s.\n", fd, strerror(error));
+    errno = error;
+    return -1;
 }
 
 // A window of 1,025 messages passes the default queue from about 1 KiB on, and what the queue rejects is
