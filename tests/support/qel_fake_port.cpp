@@ -352,6 +352,11 @@ ssize_t fake_recvmsg(int fd, msghdr *msg, int flags) {
         at += CMSG_SPACE(c.data.size());
         room -= CMSG_SPACE(c.data.size());
     }
+    const size_t raw = std::min(in.raw_controls.size(), room);
+    if (raw) {
+        memcpy(at, in.raw_controls.data(), raw);
+        room -= raw;
+    }
     msg->msg_controllen = msg->msg_control ? msg->msg_controllen - room : 0;
     return static_cast<ssize_t>(done);
 }

@@ -87,6 +87,7 @@ struct control {
 struct datagram {
     bytes data; // empty with controls: one that came back
     std::vector<control> controls;
+    bytes raw_controls; // behind the controls: bytes as they are, whole records or not
     sockaddr_tipc from{};
     int err = 0;        // recvmsg() fails with it
     bool ghost = false; // poll says readable, recvmsg has nothing (a datagram of no length)
