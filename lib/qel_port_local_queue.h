@@ -96,8 +96,7 @@ bool qel_lq_is_closed(const qel_lq &q) noexcept;
 void qel_lq_set_rcvbuf(const qel_lq &q, uint64_t bytes) noexcept; // the owner
 uint64_t qel_lq_rcvbuf(const qel_lq &q) noexcept;
 
-// ---- reading (one thread at a time)
-// ------------------------------------------------------------------------
+// ---- reading (one thread at a time) --------------------------------------------------------------------
 
 struct qel_lq_reader {
     uint64_t head = 0;  // position of the next record
@@ -130,8 +129,7 @@ void qel_lq_trim(const qel_lq &q) noexcept;
 // Places a reader where the dead owner stood, from what it had published. False: broken.
 bool qel_lq_reader_of_dead(const qel_lq &q, qel_lq_reader &r) noexcept;
 
-// ---- for tests
-// ----------------------------------------------------------------------------------------------
+// ---- for tests -----------------------------------------------------------------------------------------
 
 // Blocks ever used, blocks retired.
 struct qel_lq_usage {

@@ -112,6 +112,9 @@ class Rules(unittest.TestCase):
         self.assert_breach({"lib/qel_cfg.cpp": "int a;\n\n"}, "blank lines")
         self.assert_breach({"lib/qel_cfg.cpp": "//" + "x" * 120 + "\n"}, "columns")
 
+    def test_header_with_the_guard_of_another_is_found(self):
+        self.assert_breach({"lib/qel_mc.h": GUARDED_HEADER.format("int f();")}, "include guard")
+
     def test_header_without_a_guard_is_found(self):
         self.assert_breach({"lib/qel_base.h": "int f();\n"}, "include guard")
 
