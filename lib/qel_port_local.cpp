@@ -548,10 +548,13 @@ static ssize_t receive_datagram(qel_local_socket &s, msghdr &msg, int flags) {
 
 // After the end of the connection was reported once, there is nothing to read, for ever.
 static ssize_t receive_event(qel_local_socket &s, int flags, ssize_t (*receive)(void *), void *context) {
-    if (!s.connected.load(std::memory_order_acquire) || s.shut.load(std::memory_order_relaxed))
+    const bool wait = !(flags & MSG_DONTWAIT) && !s.nonblocking.load(std::memory_order_relaxed);
+    if (!s.connected.load(std::memory_order_acquire))
         return fail(ENOTCONN);
+    if (s.shut.load(std::memory_order_relaxed))
+        return fail(wait ? ENOTCONN : EAGAIN);
     while (s.ended.load(std::memory_order_relaxed)) {
-        if ((flags & MSG_DONTWAIT) || s.nonblocking.load(std::memory_order_relaxed))
+        if (!wait)
             return fail(EAGAIN);
         if (::poll(nullptr, 0, 100) < 0)
             return -1;

@@ -540,6 +540,7 @@ static void cache_store(uint32_t type, uint32_t instance, uint32_t domain, uint3
     e->instance.store(instance, std::memory_order_release);
     e->domain.store(domain, std::memory_order_release);
     e->count.store(count, std::memory_order_release);
+    e->turn.store(1, std::memory_order_release); // whoever asked takes the first
     for (uint32_t i = 0; i < count && i < qel_fabric_targets_max; i++) {
         e->index[i].store(targets[i]->index, std::memory_order_release);
         e->ref[i].store(targets[i]->ref.load(std::memory_order_relaxed), std::memory_order_release);
