@@ -1,8 +1,8 @@
 // A process on the bus for fuzzing: application 100 with peer 102 online on node 7, and the daemon's
 // application 1, both without threads, over a transport that takes every send and gives out what the target
 // puts in. The library thread is never released, so the targets call its steps themselves.
-#ifndef QEL_FUZZ_BUS_H
-#define QEL_FUZZ_BUS_H
+#ifndef FUZZ_BUS_H
+#define FUZZ_BUS_H
 
 #include <cerrno>
 #include <cstdint>
