@@ -317,21 +317,23 @@ int32_t qel_get_app_mc_members(uint32_t group_id, uint32_t members[QEL_APP_GROUP
 // -1 until it is known. Every thread that reads the file first writes the same value.
 static constinit std::atomic<int32_t> g_node_id{-1};
 
+// Character by character: a number may stand anywhere, and across what would be the border of a line buffer.
 int32_t qel_parse_node_address(FILE *file) noexcept {
-    char line[line_size];
-    const char *start = nullptr;
-    while (!start && fgets(line, sizeof line, file)) {
-        for (const char *p = line; *p && !start; p++)
-            if (!is_space(*p))
-                start = p;
-    }
-    char *end = nullptr;
-    const long long value = start ? strtoll(start, &end, 10) : 0;
-    if (!start || end == start) {
+    int c = fgetc(file);
+    while (c != EOF && isspace(c))
+        c = fgetc(file);
+    const bool negative = c == '-';
+    if (c == '-' || c == '+')
+        c = fgetc(file);
+    if (!isdigit(c)) {
         QEL_ERROR("QEL get node address config failed.\n");
         return -1;
     }
-    const int32_t node = saturate(value);
+    long long value = 0;
+    for (; isdigit(c); c = fgetc(file))
+        if (value <= INT32_MAX) // beyond it more digits change nothing
+            value = value * 10 + (c - '0');
+    const int32_t node = saturate(negative ? -value : value);
     if (node < 0 || node > QEL_NODE_ID_MAX) {
         QEL_ERROR("QEL get node address %d invalid.\n", node);
         return -1;
