@@ -16,7 +16,8 @@
  *   await APP PEER NODE COUNT MS                       the same once COUNT have come, or after MS
  *   forget APP PEER NODE                               starts its account anew
  *   delay APP MICROSECONDS | hold APP | release APP    what the dispatcher does with each message
- *   serve APP echo|self|never|null|die|late [MS]       what it does with a request
+ *   serve APP echo|self|never|null|die|late|relay [N]  what it does with a request: N is the delay of a late
+ *        reply in milliseconds; a relay calls application N from the dispatcher and passes its answer on
  *   rpc APP DST SIZE FLAGS TIMEOUT [ver=V]             "RESULT COUNT MILLISECONDS node/app:status:content
  * ..." rpcto APP NODE DST SIZE FLAGS TIMEOUT [ver=V] storm APP NODE DST THREADS CALLS SIZE PEERS        "GOOD
  * WRONG FAILED": many calls at once mkapps APP | addapp APP G M | delapp APP G M | rmapps APP G | mknodes ...
@@ -94,12 +95,12 @@ static bool right_content(const void *data, uint32_t size, uint64_t seq) {
 /* ---- state ------------------------------------------------------------------------------------------------
  */
 
-enum serve { SERVE_ECHO, SERVE_SELF, SERVE_NEVER, SERVE_NULL, SERVE_DIE, SERVE_LATE };
-static const char *const g_serve_words[] = {"echo", "self", "never", "null", "die", "late"};
+enum serve { SERVE_ECHO, SERVE_SELF, SERVE_NEVER, SERVE_NULL, SERVE_DIE, SERVE_LATE, SERVE_RELAY };
+static const char *const g_serve_words[] = {"echo", "self", "never", "null", "die", "late", "relay"};
 
 struct app {
     uint32_t id;
-    atomic_int delay_us, held, serve, late_ms;
+    atomic_int delay_us, held, serve, serve_value;
 };
 
 /* What came from one peer, or went to one. */
@@ -240,6 +241,18 @@ static void start_thread(void *(*function)(void *), void *arg) {
     pthread_detach(thread);
 }
 
+static void relay(struct app *app, qel_msg *request) {
+    qel_reply_set set;
+    uint32_t size = qel_msg_data_len(request);
+    qel_msg *inner = qel_msg_alloc((int32_t)size, 1, 0);
+    memcpy(qel_msg_data(inner), qel_msg_const_data(request), size);
+    int32_t result = qel_rpc(app->id, (uint32_t)(int)app->serve_value, inner, 0, 30, &set);
+    if (result != 0 || qel_rpc_reply(request, set.msg[0], 0) != 0)
+        say("! relay failed %" PRId32, result);
+    qel_reply_msg_free(&set);
+    free(inner);
+}
+
 static void serve(struct app *app, qel_msg *request) {
     switch ((enum serve)app->serve) {
     case SERVE_ECHO:
@@ -259,10 +272,13 @@ static void serve(struct app *app, qel_msg *request) {
         break;
     case SERVE_LATE: {
         struct late_reply *late = malloc(sizeof *late);
-        *late = (struct late_reply){request, app->late_ms};
+        *late = (struct late_reply){request, app->serve_value};
         start_thread(reply_late, late);
         return; /* it frees the request */
     }
+    case SERVE_RELAY:
+        relay(app, request);
+        break;
     }
     free(request);
 }
@@ -633,9 +649,9 @@ static bool is(const struct command *c, const char *word) { return strcmp(c->wor
 
 static void set_reply(const struct command *c) {
     struct app *app = app_of(id(c, 2));
-    for (int i = 0; app != NULL && c->words > 3 && i <= SERVE_LATE; i++) {
+    for (int i = 0; app != NULL && c->words > 3 && i <= SERVE_RELAY; i++) {
         if (strcmp(c->word[3], g_serve_words[i]) == 0) {
-            app->late_ms = (int)number(c, 4);
+            app->serve_value = (int)number(c, 4);
             app->serve = i;
             answer(c, "0");
             return;

@@ -10,10 +10,9 @@
 //   sendid S REF NODE HEX
 //   subscribe S TYPE LOWER UPPER TIMEOUT FILTER
 //   write S HEX                          bytes to the topology server
-//   flood S TYPE INSTANCE COUNT SEED KIND HEX    "SENT FAILED"; KIND: random (any bytes of any length up to
-//   700),
-//                                        bits (HEX with some bits changed), tail (HEX and random bytes, its
-//                                        length field right), same (HEX)
+//   flood S TYPE INSTANCE COUNT SEED KIND HEX    "SENT FAILED"
+//       KIND random: any bytes; bits: HEX with some bits changed; tail: HEX and random bytes, its length
+//       field right; same: HEX; peers: HEX as from another node each time
 //   gone S                               closes it
 // and events "! ...":
 //   msg S REF:NODE HEX                   a message; the first 2000 bytes
@@ -169,7 +168,7 @@ void put_be32(bytes &data, size_t at, uint32_t value) {
         data[at + i] = static_cast<unsigned char>(value >> (24 - 8 * i));
 }
 
-bytes hostile(std::mt19937 &dice, const std::string &kind, const bytes &model) {
+bytes hostile(std::mt19937 &dice, const std::string &kind, const bytes &model, uint32_t count) {
     if (kind == "random") {
         bytes data(1 + dice() % 700);
         for (auto &c : data)
@@ -179,7 +178,9 @@ bytes hostile(std::mt19937 &dice, const std::string &kind, const bytes &model) {
         return data;
     }
     bytes data = model;
-    if (kind == "bits") {
+    if (kind == "peers") {
+        put_be32(data, 8, count & 0xFFFF);
+    } else if (kind == "bits") {
         for (uint32_t flips = 1 + dice() % 8; flips > 0; flips--)
             data[dice() % data.size()] ^= static_cast<unsigned char>(1u << dice() % 8);
         if (dice() % 4 != 0)
@@ -207,7 +208,7 @@ std::string flood(int fd, const words &w) {
     const bytes model = bytes_of(w[8]);
     uint32_t sent = 0, failed = 0;
     for (uint32_t i = 0; i < value(w, 5); i++)
-        (send_to_name(fd, value(w, 3), value(w, 4), hostile(dice, w[7], model)) >= 0 ? sent : failed)++;
+        (send_to_name(fd, value(w, 3), value(w, 4), hostile(dice, w[7], model, i)) >= 0 ? sent : failed)++;
     return number(sent) + " " + number(failed);
 }
 
