@@ -298,11 +298,36 @@ class Cluster:
         for n in range(1, nodes + 1):
             uml.make_node_files(self.work, n)
         self.fabric_dir = os.path.join(self.work, "fabric")
-        os.mkdir(self.fabric_dir)
+        self.start_fabric()
         self.agent = subprocess.Popen([sys.executable, "-B", "-E", "-S", AGENT], stdin=subprocess.PIPE,
                                       stdout=subprocess.PIPE, preexec_fn=uml.die_with_parent)
         self.local_channel = uml.Channel(self.agent.stdout.fileno(), self.agent.stdin.fileno())
         self.local_channel.listen(self._received, lambda: self._closed(0))
+
+    def start_fabric(self):
+        """Starts the fabric of the local back end; also after stop_fabric()."""
+        ready, theirs = os.pipe()
+        program = os.environ.get("QEL_FABRIC_BIN", "qel-fabric")
+        self.fabric = subprocess.Popen([program, "--ready-fd", str(theirs)], pass_fds=[theirs],
+                                       env={**os.environ, "QEL_FABRIC": self.fabric_dir},
+                                       preexec_fn=uml.die_with_parent)
+        os.close(theirs)
+        with os.fdopen(ready, "rb") as pipe:
+            if pipe.read() != b"\n":
+                raise NodeError(f"{program} did not start: status {self.fabric.wait(10)}")
+
+    def stop_fabric(self, sig=signal.SIGKILL):
+        self.fabric.send_signal(sig)
+        self.fabric.wait(10)
+
+    def control(self, command):
+        """Has the fabric carry out a command (`qel-fabric --help` tells which); gives what it prints."""
+        done = subprocess.run([os.environ.get("QEL_FABRIC_BIN", "qel-fabric"), "--control", command],
+                              env={**os.environ, "QEL_FABRIC": self.fabric_dir}, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+        if done.returncode:
+            raise NodeError(f"qel-fabric --control {command!r}: {done.stdout}")
+        return done.stdout
 
     def environment(self, node):
         if self.backend == "local":
@@ -381,6 +406,10 @@ class Cluster:
             self.local_channel.reader.join(10)
             self.agent.stdout.close()
             self.agent = None
+        if self.fabric:
+            if self.fabric.poll() is None:
+                self.stop_fabric()
+            self.fabric = None
         if self.kernels:
             self.kernels.stop()
             self.kernels = None

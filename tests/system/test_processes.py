@@ -37,16 +37,6 @@ class Processes(SystemTest):
         self.assertNotIn("qel_app_22", threads)
         self.assertIn(("qel_lib_%d" % a.value("pid"))[:15], threads)
 
-    def test_two_applications_of_one_process_talk_to_each_other(self):
-        a = self.agent(1, {20: [22], 22: [20]})
-        for app in (20, 22):
-            a.event(rf"join app \d+ peer {app}/1 thread \S+")
-        self.assertEqual(a.call("send", 20, 22, 5000, 100, 0, "retry=75000", timeout=90)[:2], [0, 5000])
-        self.assertEqual(a.call("send", 22, 20, 5000, 100, 0, "retry=75000", timeout=90)[:2], [0, 5000])
-        a.arrived(22, 20, 1, 5000)
-        a.arrived(20, 22, 1, 5000)
-        self.assertEqual(a.rpc(20, 22, 64, 0, 0)[::2], (0, [Reply(1, 22, SUCCESS, "same")]))
-
     def test_a_process_registers_31_applications_and_all_of_them_serve(self):
         a, b = Agent(self.node(1)), Agent(self.node(2))
         apps = range(1000, 1031)
