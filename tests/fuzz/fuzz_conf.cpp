@@ -1,4 +1,4 @@
-// The configuration file, through the questions that read it.
+// The configuration file, through the questions that read it; the first byte chooses the question.
 #include <cerrno>
 #include <fcntl.h>
 #include <string>
@@ -28,14 +28,27 @@ static int conf_file() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const int fd = conf_file();
-    if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
+    if (size == 0 || ftruncate(fd, 0) != 0 ||
+        pwrite(fd, data + 1, size - 1, 0) != static_cast<ssize_t>(size - 1))
         return 0;
-    (void)qel_get_dbg_cfg();
-    (void)qel_get_log_cfg();
-    (void)qel_cfg_get_blocked_resume_enabled();
-    (void)qel_get_app_priority(12);
     uint32_t members[QEL_APP_GROUP_MBRS];
-    if (qel_get_app_mc_members(0x3001, members) > QEL_APP_GROUP_MBRS)
-        abort();
+    switch (data[0] % 5) { // one question a run
+    case 0:
+        (void)qel_get_dbg_cfg();
+        break;
+    case 1:
+        (void)qel_get_log_cfg();
+        break;
+    case 2:
+        (void)qel_cfg_get_blocked_resume_enabled();
+        break;
+    case 3:
+        (void)qel_get_app_priority(12);
+        break;
+    default:
+        if (qel_get_app_mc_members(0x3001, members) > QEL_APP_GROUP_MBRS)
+            abort();
+        break;
+    }
     return 0;
 }
