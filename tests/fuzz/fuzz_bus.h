@@ -112,7 +112,7 @@ inline void start() {
 // Pending syncs of joins that nobody acknowledges would fill memory over millions of runs.
 inline void forget_now_and_then() {
     static uint32_t runs = 0;
-    if (++runs % 8192 != 0)
+    if (++runs % 65536 != 0)
         return;
     for (uint32_t node = 0; node < qel_node_count; node++)
         for (const uint32_t a : {app, peer, 1u})
