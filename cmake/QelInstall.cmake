@@ -4,11 +4,7 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS qel EXPORT qelTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/qel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
-foreach(program qeld qel-fabric)
-    if(TARGET ${program})
-        install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-    endif()
-endforeach()
+install(TARGETS qeld qel-fabric RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # Relative to the file's own place, so that the tree may be installed or moved anywhere.
 file(RELATIVE_PATH QEL_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
