@@ -107,10 +107,28 @@ TEST(qel_cli_parse, each_command_has_its_line) {
 }
 
 TEST(qel_cli_parse, fixed_lines_match_to_the_byte) {
-    for (const char *line :
-         {"help", "quit", "quit \n", " quit\n", "HELP\n", "help \n", " help\n", "hel\n", "show qel statusx\n",
-          "show  qel status\n", "show qel status", "show\tdebug\n", "debug all \n", "no  debug all\n", " \n", "",
-          "\r\n", "help\r\n", "show qel\n", "?\n", "qel performance tes\n", "qel performance test\n\n"})
+    for (const char *line : {"help",
+                             "quit",
+                             "quit \n",
+                             " quit\n",
+                             "HELP\n",
+                             "help \n",
+                             " help\n",
+                             "hel\n",
+                             "show qel statusx\n",
+                             "show  qel status\n",
+                             "show qel status",
+                             "show\tdebug\n",
+                             "debug all \n",
+                             "no  debug all\n",
+                             " \n",
+                             "",
+                             "\r\n",
+                             "help\r\n",
+                             "show qel\n",
+                             "?\n",
+                             "qel performance tes\n",
+                             "qel performance test\n\n"})
         EXPECT_EQ(parsed(line), "unknown") << line;
 }
 
@@ -183,7 +201,7 @@ static size_t longest_number(const std::string &text) {
 }
 
 TEST(qel_cli_parse, lines_mean_what_sscanf_says_they_mean) {
-    static const char *const parts[] = {"show", " ", "qel", "app", "debug", "no", "5",   "/",   "16384", "-1",
+    static const char *const parts[] = {"show", " ",  "qel", "app", "debug", "no", "5",   "/",  "16384", "-1",
                                         "stat", "\t", "all", "x",   "\n",    "+",  "007", "  ", "%",     "d"};
     static const char *const begins[] = {"show qel app ", "debug qel app ", "no debug qel app "};
     std::mt19937 random(20240102);
@@ -291,7 +309,8 @@ TEST_F(qel_cli, the_debug_list_shows_the_daemons_own_words_for_any_level) {
 
 TEST_F(qel_cli, a_process_id_beyond_int_is_printed_as_a_signed_number) {
     ASSERT_EQ(qeld_add_app_id(5, 0xFFFFFFFF), 0);
-    EXPECT_EQ(command("show debug"), "QEL debug status:\nProcess -1:\n  Debug level: none.\n  Applications: 5.\n");
+    EXPECT_EQ(command("show debug"),
+              "QEL debug status:\nProcess -1:\n  Debug level: none.\n  Applications: 5.\n");
 }
 
 TEST_F(qel_cli, debug_all_goes_once_to_the_lowest_application_of_each_process) {
@@ -372,7 +391,8 @@ TEST_F(qel_cli, an_unknown_level_is_an_unknown_command_whatever_the_application)
 TEST_F(qel_cli, a_debug_command_that_fails_is_told_and_not_recorded) {
     fill();
     qel_fake::fail_to(7, 1, EHOSTUNREACH);
-    EXPECT_EQ(command("debug qel app 7 all"), "% QEL set application debug failed: Operation not permitted.\n");
+    EXPECT_EQ(command("debug qel app 7 all"),
+              "% QEL set application debug failed: Operation not permitted.\n");
     EXPECT_EQ(registry(), "300:0:5,7 4000:2:16384");
 }
 
@@ -453,9 +473,9 @@ TEST_F(qel_cli_statistics, an_error_status_is_told_by_its_text) {
 
 TEST_F(qel_cli_statistics, the_request_is_told_in_the_log) {
     qel_set_masks(1);
-    EXPECT_NE(answered(to_bytes("x")).find(
-                  qel_line("qel_cli", V, "QEL execute CLI: get app 5/3 statistics.\n")),
-              std::string::npos);
+    EXPECT_NE(
+        answered(to_bytes("x")).find(qel_line("qel_cli", V, "QEL execute CLI: get app 5/3 statistics.\n")),
+        std::string::npos);
 }
 
 // ---- the loop -------------------------------------------------------------------------------------------
@@ -506,7 +526,8 @@ struct qel_cli_loop : qel_cli {
 };
 
 TEST_F(qel_cli_loop, it_begins_with_the_help_and_prompts_after_each_line) {
-    EXPECT_EQ(session("\n\nshow debug\nquit\n"), std::string(help) + "(qel)(qel)(qel)QEL debug status:\n(qel)");
+    EXPECT_EQ(session("\n\nshow debug\nquit\n"),
+              std::string(help) + "(qel)(qel)(qel)QEL debug status:\n(qel)");
 }
 
 TEST_F(qel_cli_loop, quit_and_the_end_of_input_end_the_process_with_1) {
@@ -517,18 +538,20 @@ TEST_F(qel_cli_loop, quit_and_the_end_of_input_end_the_process_with_1) {
 
 TEST_F(qel_cli_loop, a_last_line_without_its_end_is_judged_as_it_stands) {
     EXPECT_EQ(session("quit"), std::string(help) + "(qel)" + unknown + help + "(qel)");
-    EXPECT_EQ(session("debug qel app 9000 all"), std::string(help) + "(qel)% Application ID 9000 invalid.\n(qel)");
+    EXPECT_EQ(session("debug qel app 9000 all"),
+              std::string(help) + "(qel)% Application ID 9000 invalid.\n(qel)");
 }
 
 TEST_F(qel_cli_loop, a_long_line_is_taken_in_pieces_of_127) {
     // 127 blanks, then a command of its own
     EXPECT_EQ(session(std::string(127, ' ') + "show debug\n"),
               std::string(help) + "(qel)" + unknown + help + "(qel)QEL debug status:\n(qel)");
-    EXPECT_EQ(session(std::string(127, 'x') + "\n"), std::string(help) + "(qel)" + unknown + help + "(qel)(qel)");
+    EXPECT_EQ(session(std::string(127, 'x') + "\n"),
+              std::string(help) + "(qel)" + unknown + help + "(qel)(qel)");
     EXPECT_EQ(session(std::string(126, 'x') + "\n"), std::string(help) + "(qel)" + unknown + help + "(qel)");
-    EXPECT_EQ(session(std::string(127 * 3, 'x') + "\n"),
-              std::string(help) + "(qel)" + unknown + help + "(qel)" + unknown + help + "(qel)" + unknown + help +
-                  "(qel)(qel)");
+    EXPECT_EQ(session(std::string(127 * 3, 'x') + "\n"), std::string(help) + "(qel)" + unknown + help +
+                                                             "(qel)" + unknown + help + "(qel)" + unknown +
+                                                             help + "(qel)(qel)");
 }
 
 TEST_F(qel_cli_loop, a_nul_hides_the_rest_of_its_line_and_nothing_else) {

@@ -232,11 +232,11 @@ TEST_F(qeld_msg, a_section_that_does_not_come_out_even_is_told_behind_its_good_i
     const std::string told = "3: QELD recv invalid TLV section for 1 from 7/3 .\n";
     const std::vector<bytes> bad = {{0},
                                     {0, 4, 0},
-                                    {0, 5, 0, 4},             // longer than the section
-                                    {0xFF, 0xFF, 0, 4},       //
-                                    {0, 5, 0, 9, 0},          // its padding is missing: done, then told
-                                    {0, 5, 0, 9, 0, 0, 0},    //
-                                    {0, 4, 0, 4, 0},          // bytes behind the last item
+                                    {0, 5, 0, 4},          // longer than the section
+                                    {0xFF, 0xFF, 0, 4},    //
+                                    {0, 5, 0, 9, 0},       // its padding is missing: done, then told
+                                    {0, 5, 0, 9, 0, 0, 0}, //
+                                    {0, 4, 0, 4, 0},       // bytes behind the last item
                                     {0, 4, 0, 4, 0, 0, 0}};
     for (size_t i = 0; i < bad.size(); i++) {
         qel_capture out;
