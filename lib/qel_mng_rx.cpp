@@ -254,6 +254,9 @@ static bool walk_control(qel_app_mng *slot, uint32_t app_id, size_t control_len)
         memcpy(&record, rx.control + at, sizeof record);
         if (record.cmsg_len < sizeof record || record.cmsg_len > control_len - at)
             break;
+        const size_t space = (record.cmsg_len + 7) & ~size_t{7};
+        if (at != 0 && space > control_len - at)
+            break; // as CMSG_NXTHDR() ends: only the first record may lack its padding
         unsigned char *data = rx.control + at + sizeof record;
         const size_t size = record.cmsg_len - sizeof record;
         if (record.cmsg_type == TIPC_ERRINFO) {
@@ -285,7 +288,7 @@ static bool walk_control(qel_app_mng *slot, uint32_t app_id, size_t control_len)
             QEL_WARN("QEL app %d recv unrecognized ancillary data type %u\n", static_cast<int>(app_id),
                      static_cast<unsigned>(record.cmsg_type));
         }
-        at += (record.cmsg_len + 7) & ~size_t{7};
+        at += space;
     }
     return failed;
 }
@@ -308,9 +311,9 @@ static void qel_rx_return(qel_app_mng *slot, unsigned char *data, size_t size) n
         // again.
         const unsigned char *section = data + QEL_MSG_HDR_LEN;
         if (named && hdr.src_app == app_id && hdr.len == size &&
-            size == QEL_MSG_HDR_LEN + qel_sync_data_len && qel_load_be16(section) == qel_sync_data_len &&
+            size >= QEL_MSG_HDR_LEN + qel_sync_data_len && qel_load_be16(section) == qel_sync_data_len &&
             (qel_load_be16(section + 2) == QEL_TLV_SYNC_ACK || qel_load_be16(section + 2) == QEL_TLV_SYNC)) {
-            qel_msg *again = qel_msg_alloc(qel_sync_data_len, 0, 0);
+            qel_msg *again = qel_msg_alloc(static_cast<int32_t>(size - QEL_MSG_HDR_LEN), 0, 0);
             QEL_ASSERT(again != NULL);
             memcpy(&again->hdr, data, size);
             if (!qel_add_sync_resend(again))
