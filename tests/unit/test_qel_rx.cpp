@@ -811,4 +811,851 @@ TEST_F(qel_rx, at_its_time_the_monitor_tells_the_time_and_rewrites_the_statistic
     EXPECT_THAT(file, HasSubstr("    Application 7 instance online on nodes: 2\n"));
 }
 
+// ---- messages --------------------------------------------------------------------------------------------
+
+// Application 5 talks to 7, whose instance on node 2 is online.
+struct qel_rx_msg : qel_rx {
+    void SetUp() override {
+        begin({5}, {{5, 7}});
+        shake_hands(7, 2);
+    }
+    static bytes from_peer(qel_head head = {}, const std::string &text = "") {
+        head.src_app = 7;
+        head.src_node = 2;
+        head.dst_app = 5;
+        return wire(head, text);
+    }
+};
+
+TEST_F(qel_rx_msg, a_one_way_message_reaches_the_dispatcher_in_host_order) {
+    receive(5, from_peer({.dst_node = 1, .app_ver = 1, .qos = 9}, "text"));
+    EXPECT_EQ(out.take(), "<qel_mng> 0: QEL app 5 recv new msg.\n"
+                          "<qel_app_info> 0: QEL dispatch app 5 msg from 7/2, ver 1, data len 4, msg flags: "
+                          "none.\n"
+                          "<qel_flow_ctrl> 0: QEL app 5 update recv OK from 7/2.\n");
+    ASSERT_EQ(got().size(), 1u);
+    const qel_hdr hdr = got()[0].hdr;
+    EXPECT_EQ(hdr.len, 40u);
+    EXPECT_EQ(hdr.src_app, 7u);
+    EXPECT_EQ(hdr.src_node, 2u);
+    EXPECT_EQ(hdr.dst_app, 5u);
+    EXPECT_EQ(hdr.dst_node, 1u);
+    EXPECT_EQ(hdr.app_ver, 1u);
+    EXPECT_EQ(hdr.qos, 9u);
+    EXPECT_EQ(got()[0].data, to_bytes("text"));
+}
+
+TEST_F(qel_rx, with_a_thread_messages_are_queued_for_the_application_in_order_of_arrival) {
+    begin({5}, {{5, 7}}, true);
+    shake_hands(7, 2);
+    for (uint32_t i = 0; i < 100; i++)
+        deliver(5, wire({.src_app = 7, .src_node = 2, .dst_app = 5, .seq = i}));
+    settle();
+    ASSERT_EQ(got().size(), 100u);
+    for (uint32_t i = 0; i < 100; i++)
+        EXPECT_EQ(got()[i].hdr.seq, i);
+}
+
+TEST_F(qel_rx_msg, version_reserved_byte_and_destination_node_are_not_checked) {
+    bytes b = from_peer({.dst_node = 4711, .version = 0}, "a");
+    receive(5, b);
+    b[0] = 0xFF;
+    b[1] = 0xFF;
+    receive(5, b);
+    ASSERT_EQ(got().size(), 2u);
+    EXPECT_EQ(got()[0].hdr.version, 0);
+    EXPECT_EQ(got()[1].hdr.version, 0xFF);
+    EXPECT_EQ(got()[1].hdr.reserved, 0xFF);
+    EXPECT_EQ(got()[1].hdr.dst_node, 4711u);
+}
+
+std::string raw_dump(const bytes &b) {
+    std::string text = qel_format("=== QEL message raw data len %zu ===\n", b.size());
+    for (size_t i = 0; i < b.size(); i++)
+        text += qel_format(i % 16 == 15 ? " %02x\n" : " %02x", b[i]);
+    return text + "\n";
+}
+// What the dump shows: the fields of a whole header have been converted by then.
+bytes converted(bytes b) {
+    if (b.size() >= QEL_MSG_HDR_LEN)
+        for (size_t at = 4; at < QEL_MSG_HDR_LEN; at += 4)
+            qel_store_be32(&b[at], qel_load_host32(&b[at]));
+    return b;
+}
+std::string length_error(const bytes &b, uint32_t expected) {
+    return "<qel_mng> 0: QEL app 5 recv new msg.\n" +
+           qel_line("qel_mng", X, "QEL app 5 recv msg len %zu, expectedly %d.\n", b.size(),
+                    static_cast<int>(expected)) +
+           "<qel_flow_ctrl> 3: QEL app 5 update recv exception msg.\n" + raw_dump(converted(b));
+}
+
+TEST_F(qel_rx_msg, every_prefix_of_a_message_is_a_length_error_an_exception_and_a_raw_dump) {
+    const bytes whole = from_peer({.app_ver = 1}, "12345678");
+    for (size_t size = 1; size < whole.size(); size++) {
+        const bytes part(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
+        receive(5, whole); // leaves its length in the buffer
+        out.take();
+        receive(5, part);
+        uint32_t shown = 44;
+        if (size < QEL_MSG_HDR_LEN) { // as it came: bytes that are missing read 0
+            bytes head = part;
+            head.resize(QEL_MSG_HDR_LEN);
+            shown = qel_load_host32(&head[4]);
+        }
+        ASSERT_EQ(out.take(), length_error(part, shown)) << size;
+        ASSERT_EQ(exceptions(5), size);
+    }
+    EXPECT_EQ(got().size(), whole.size() - 1) << "only the whole ones";
+}
+
+TEST_F(qel_rx_msg, a_length_field_that_is_not_the_received_size_is_an_error_whatever_it_says) {
+    unsigned errors = 0;
+    for (const int64_t len :
+         {INT64_C(0), INT64_C(1), INT64_C(35), INT64_C(36), INT64_C(39), INT64_C(41), INT64_C(65572),
+          INT64_C(65573), INT64_C(0x7FFFFFFF), INT64_C(0x80000000), INT64_C(0xFFFFFFFF)}) {
+        const bytes b = from_peer({.len = len}, "text");
+        receive(5, b);
+        EXPECT_EQ(out.take(), length_error(b, static_cast<uint32_t>(len)));
+        EXPECT_EQ(exceptions(5), ++errors);
+    }
+    EXPECT_EQ(got().size(), 0u);
+}
+
+TEST_F(qel_rx_msg, the_largest_message_passes_and_anything_longer_is_an_error_and_never_an_assertion) {
+    receive(5, from_peer({}, std::string(65536, 'x')));
+    ASSERT_EQ(got().size(), 1u);
+    EXPECT_EQ(got()[0].hdr.len, 65572u);
+    EXPECT_EQ(got()[0].data, to_bytes(std::string(65536, 'x')));
+    out.take();
+    unsigned errors = 0;
+    for (const size_t size : {65573u, 65574u, 65999u, 66000u}) {
+        const bytes b = from_peer({}, std::string(size - 36, 'y'));
+        receive(5, b);
+        EXPECT_EQ(out.take(), length_error(b, static_cast<uint32_t>(size)));
+        EXPECT_EQ(exceptions(5), ++errors);
+    }
+    receive(5, from_peer({}, "after"));
+    EXPECT_EQ(got().size(), 2u);
+}
+
+TEST_F(qel_rx_msg, a_datagram_longer_than_any_is_cut_and_refused) {
+    const bytes b =
+        from_peer({}, std::string(70000 - 36, 'z')); // no transport gives it; the buffer holds 66,000
+    receive(5, b);
+    bytes cut(b.begin(), b.begin() + 66000);
+    EXPECT_EQ(out.take(), length_error(cut, 70000));
+    receive(5, from_peer({}, "after"));
+    EXPECT_EQ(got().size(), 1u);
+}
+
+// Dropped with nothing but the count of an exception.
+TEST_F(qel_rx_msg, a_message_for_another_application_or_from_no_possible_sender_is_counted_and_dropped) {
+    const uint32_t no_apps[] = {0, 8192, 12288, 12289, 16383, 20480, 0x10007, 0x80000007, 0xFFFFFFFF};
+    std::vector<qel_head> bad;
+    for (const uint8_t flags : {0x00, 0x01, 0x02, 0x06, 0x08, 0x0A, 0x0E}) {
+        for (const uint32_t dst : {0u, 1u, 4u, 6u, 7u, 0x10005u, 0xFFFFFFFFu})
+            bad.push_back({.flags = flags, .src_app = 7, .src_node = 2, .dst_app = dst});
+        for (const uint32_t src : no_apps)
+            bad.push_back({.flags = flags, .src_app = src, .src_node = 2, .dst_app = 5});
+        for (const uint32_t node : {65536u, 65538u, 0x80000002u, 0xFFFFFFFFu})
+            bad.push_back({.flags = flags, .src_app = 7, .src_node = node, .dst_app = 5});
+    }
+    unsigned count = 0;
+    for (const qel_head &head : bad) {
+        const bytes data =
+            head.flags & QEL_FLAG_SYNC ? tlv(QEL_TLV_SYNC, {1, 4711, 1, 1, 600}) : tlv(QEL_TLV_FC_ACK, {1});
+        receive(5, wire(head, data));
+        ASSERT_EQ(out.take(), "<qel_mng> 0: QEL app 5 recv new msg.\n"
+                              "<qel_flow_ctrl> 3: QEL app 5 update recv exception msg.\n")
+            << head.src_app << "/" << head.src_node << " to " << head.dst_app << " flags " << +head.flags;
+        ASSERT_EQ(exceptions(5), ++count);
+    }
+    EXPECT_EQ(take_sent().size(), 0u);
+    EXPECT_EQ(got().size(), 0u);
+    EXPECT_EQ(bits(7, 2), "SIAO");
+    EXPECT_EQ(sync_ids(), 1u);
+}
+
+TEST_F(qel_rx_msg, every_possible_sender_is_let_through_the_gate) {
+    for (const uint32_t app : {1u, 7u, 8191u, 16384u, 20479u})
+        for (const uint32_t node : {0u, 2u, 65535u})
+            receive(5, wire({.src_app = app, .src_node = node, .dst_app = 5}));
+    EXPECT_EQ(exceptions(5), 0u);
+    EXPECT_EQ(got().size(), 3u + 1u) << "the daemon's, and the online peer's";
+}
+
+TEST_F(qel_rx_msg, every_flipped_bit_of_a_message_is_refused_filtered_or_delivered_as_its_fields_say) {
+    const bytes good = from_peer({.seq = 3, .qos = 5}, "data");
+    for (size_t bit = 0; bit < good.size() * 8; bit++) {
+        bytes b = good;
+        b[bit / 8] = static_cast<uint8_t>(b[bit / 8] ^ 1u << bit % 8);
+        const qel_seen s = unwire(b);
+        const unsigned exceptions_before = exceptions(5);
+        const size_t got_before = got().size();
+        receive(5, b);
+        const std::string text = out.take();
+        const size_t delivered = got().size() - got_before;
+        const unsigned refused = exceptions(5) - exceptions_before;
+        if (s.hdr.len != b.size()) {
+            EXPECT_THAT(text, HasSubstr("expectedly")) << bit;
+            EXPECT_EQ(refused, 1u) << bit;
+            EXPECT_EQ(delivered, 0u) << bit;
+        } else if (s.hdr.dst_app != 5 || s.hdr.src_node > 65535 || !qel_valid_app_id(s.hdr.src_app)) {
+            EXPECT_EQ(refused, 1u) << bit;
+            EXPECT_EQ(delivered, 0u) << bit;
+        } else if (s.hdr.flags & (QEL_FLAG_SYNC | QEL_FLAG_MNG)) {
+            EXPECT_THAT(text, HasSubstr("QEL recv invalid TLV section for 5 from 7/2 .")) << bit;
+            EXPECT_EQ(delivered, 0u) << bit;
+        } else if (s.hdr.src_app != 7 || s.hdr.src_node != 2) {
+            EXPECT_THAT(text, HasSubstr("had already quit")) << bit;
+            EXPECT_EQ(delivered, 0u) << bit;
+        } else {
+            EXPECT_EQ(refused, 0u) << bit;
+            EXPECT_EQ(delivered, s.hdr.app_ver == 1 ? 1u : 0u) << bit;
+            if (delivered) {
+                EXPECT_EQ(memcmp(&got().back().hdr, &s.hdr, sizeof s.hdr), 0) << bit;
+            }
+        }
+    }
+}
+
+TEST_F(qel_rx_msg, each_of_the_256_values_of_the_flags_byte_goes_where_its_bits_say) {
+    const bytes section = tlv(9, {});
+    for (unsigned flags = 0; flags < 256; flags++) {
+        const size_t got_before = got().size();
+        receive(5, wire({.flags = static_cast<uint8_t>(flags), .src_app = 7, .src_node = 2, .dst_app = 5},
+                        section));
+        const std::string text = out.take();
+        const bool sync = text.find("recv sync msg from 7/2, data len 0, type .\n") != std::string::npos;
+        const bool mng = text.find("recv mgmt msg from 7/2, data len 0, type .\n") != std::string::npos;
+        const bool reply = text.find("QEL add RPC reply for app 5 seq 0 from 7/2") != std::string::npos;
+        const bool queued = got().size() == got_before + 1;
+        EXPECT_EQ(sync + mng + reply + queued, 1) << flags << "\n" << text;
+        EXPECT_EQ(sync, (flags & 1) != 0) << flags;
+        EXPECT_EQ(mng, (flags & 9) == 8) << flags;
+        EXPECT_EQ(reply, (flags & 9) == 0 && (flags & 6) == 6) << flags;
+        if (queued) {
+            EXPECT_EQ(got().back().hdr.flags, flags);
+        }
+    }
+}
+
+TEST_F(qel_rx_msg, a_source_that_is_not_online_is_refused_by_kind_for_each_value_of_the_flags_byte) {
+    uint32_t drops = 0;
+    const bytes section = tlv(9, {});
+    for (unsigned flags = 0; flags < 256; flags++) {
+        receive(
+            5,
+            wire({.flags = static_cast<uint8_t>(flags), .src_app = 7, .src_node = 3, .dst_app = 5, .seq = 77},
+                 section));
+        const std::string text = out.take();
+        const std::vector<sent_msg> replies = take_sent();
+        const bool quit =
+            text.find("<qel_mng> 0: QEL app 5 recv msg from 7/3 had already quit.\n") != std::string::npos;
+        EXPECT_EQ(quit, (flags & 1) == 0) << flags;
+        const bool request = quit && (flags & 6) == 2;
+        ASSERT_EQ(replies.size(), request ? 1u : 0u) << flags;
+        if (request) {
+            const qel_hdr &hdr = replies[0].hdr;
+            EXPECT_EQ(hdr.flags, flags | 4u);
+            EXPECT_EQ(hdr.version, 1);
+            EXPECT_EQ(hdr.len, 36u);
+            EXPECT_EQ(hdr.src_app, 5u);
+            EXPECT_EQ(hdr.src_node, 1u);
+            EXPECT_EQ(hdr.dst_app, 7u);
+            EXPECT_EQ(hdr.dst_node, 3u);
+            EXPECT_EQ(hdr.app_ver, 1u);
+            EXPECT_EQ(hdr.seq, 77u);
+            EXPECT_EQ(hdr.rpc_status, 2u);
+            EXPECT_EQ(replies[0].app, 7u);
+            EXPECT_EQ(replies[0].node, 3u);
+        }
+        drops += quit && !(flags & 8) && (flags & 6) != 6;
+        if (drops) {
+            EXPECT_EQ(recv_stat(5, 7, 3), qel_format("receive 0, unack 0, drop %u, return 0", drops))
+                << flags;
+        }
+    }
+    EXPECT_EQ(got().size(), 0u);
+    EXPECT_EQ(exceptions(5), 0u);
+}
+
+TEST_F(qel_rx_msg, what_a_quit_source_sent_is_told_to_the_byte) {
+    const qel_head head = {.src_app = 7, .src_node = 3, .dst_app = 5, .seq = 77};
+    const std::string quit = "<qel_mng> 0: QEL app 5 recv new msg.\n"
+                             "<qel_mng> 0: QEL app 5 recv msg from 7/3 had already quit.\n";
+    const std::string drop = "<qel_flow_ctrl> 0: QEL app 5 update recv drop num 1 from 7/3.\n";
+    const std::string unavailable = "<qel_rpc> 0: QEL app 5 reply to 7/3 seq 77 status: application service "
+                                    "unavailable.\n"
+                                    "<qel_mng_msg> 0: QEL app 5 sent to 7/3, msg len 36.\n";
+    qel_head h = head;
+    receive(5, wire(h, "one-way"));
+    EXPECT_EQ(out.take(), quit + drop + "<qel_flow_ctrl> 0: QEL app 5 add new recv flow ctrl from 7/3.\n");
+    h.flags = 2;
+    receive(5, wire(h, "request"));
+    EXPECT_EQ(out.take(), quit + drop + unavailable);
+    h.flags = 6;
+    receive(5, wire(h, "reply"));
+    EXPECT_EQ(out.take(), quit);
+    h.flags = 8;
+    receive(5, wire(h, tlv(QEL_TLV_PING)));
+    EXPECT_EQ(out.take(), quit);
+    h.flags = 0x0A;
+    receive(5, wire(h, tlv(QEL_TLV_APP_INFO)));
+    EXPECT_EQ(out.take(), quit + unavailable);
+    h.flags = 0x0E;
+    receive(5, wire(h, tlv(QEL_TLV_APP_INFO)));
+    EXPECT_EQ(out.take(), quit);
+    EXPECT_EQ(recv_stat(5, 7, 3), "receive 0, unack 0, drop 2, return 0");
+}
+
+TEST_F(qel_rx_msg, a_request_that_cannot_be_answered_with_unavailable_is_freed_all_the_same) {
+    qel_fake::fail_to(7, 3, EHOSTUNREACH);
+    receive(5, wire({.flags = 2, .src_app = 7, .src_node = 3, .dst_app = 5}));
+    EXPECT_TRUE(out.has("<qel_mng_msg> 2: QEL app 5 sent to 7/3 failed: No route to host, msg len 36, sent "
+                        "-1.\n"));
+    receive(5, from_peer({}, "after"));
+    EXPECT_EQ(got().size(), 1u);
+}
+
+TEST_F(qel_rx_msg, syncs_and_messages_from_the_daemon_are_never_filtered_by_presence) {
+    receive(5, wire({.src_app = 1, .src_node = 9, .dst_app = 5}, "daemon"));
+    EXPECT_EQ(got().size(), 1u);
+    receive(5, sync_of(8, 9, 5));
+    EXPECT_EQ(take_sent().size(), 1u) << "the sync is acknowledged";
+    EXPECT_THAT(out.take(), Not(HasSubstr("had already quit")));
+}
+
+TEST_F(qel_rx, messages_to_the_daemon_are_never_filtered_by_presence) {
+    begin({1});
+    for (unsigned flags = 0; flags < 16; flags++)
+        receive(1, wire({.flags = static_cast<uint8_t>(flags), .src_app = 7, .src_node = 3, .dst_app = 1},
+                        tlv(9)));
+    EXPECT_THAT(out.take(), Not(HasSubstr("had already quit")));
+    std::vector<unsigned> delivered;
+    for (const kept &k : got())
+        delivered.push_back(k.hdr.flags);
+    EXPECT_THAT(delivered, ElementsAre(0u, 2u, 4u, 8u, 10u, 12u))
+        << "replies found no call, syncs are no use";
+}
+
+TEST_F(qel_rx_msg, a_reply_that_somebody_waits_for_is_kept_and_one_that_nobody_waits_for_is_freed) {
+    reply_set replies;
+    open_rpc(5, 900, {{7, 2}}, &replies);
+    receive(5, from_peer({.flags = 6, .seq = 901}, "stranger"));
+    EXPECT_EQ(replies.set.count, 0);
+    receive(5, from_peer({.flags = 6, .seq = 900}, "answer"));
+    ASSERT_EQ(replies.set.count, 1);
+    EXPECT_EQ(memcmp(qel_msg_data(replies.set.msg[0]), "answer", 6), 0);
+    receive(5, from_peer({.flags = 6, .seq = 900}, "twice"));
+    EXPECT_EQ(replies.set.count, 1);
+}
+
+TEST_F(qel_rx_msg, only_status_1_converts_data_words_and_only_whole_ones_that_are_there) {
+    for (uint32_t status = 0; status <= 5; status++)
+        for (size_t size = 0; size <= 13; size++) {
+            std::string text;
+            for (size_t i = 0; i < size; i++)
+                text += static_cast<char>('a' + i);
+            receive(5, from_peer({.status = status}, text));
+            std::string wanted = text;
+            for (size_t at = 0; status == 1 && at < 8 && at + 4 <= size; at += 4)
+                std::reverse(wanted.begin() + static_cast<ptrdiff_t>(at),
+                             wanted.begin() + static_cast<ptrdiff_t>(at) + 4);
+            ASSERT_EQ(got().back().data, to_bytes(wanted)) << status << " " << size;
+        }
+}
+
+TEST_F(qel_rx_msg, a_failed_receive_is_told_and_counted_and_one_with_nothing_to_read_leaves_no_error) {
+    unsigned count = 0;
+    for (const auto &[error, text] : {std::pair{ENOMEM, "Cannot allocate memory"},
+                                      {EINTR, "Interrupted system call"},
+                                      {ECONNRESET, "Connection reset by peer"},
+                                      {EFAULT, "Bad address"}}) {
+        qel_fake::datagram in;
+        in.err = error;
+        receive(5, in);
+        EXPECT_EQ(out.take(), qel_format("<qel_mng> 0: QEL app 5 recv new msg.\n"
+                                         "<qel_mng> 3: QEL recv app 5 msg failed: %s.\n"
+                                         "<qel_flow_ctrl> 3: QEL app 5 update recv exception msg.\n",
+                                         text));
+        EXPECT_EQ(exceptions(5), ++count);
+    }
+    qel_fake::datagram nothing; // a datagram of no length
+    nothing.ghost = true;
+    receive(5, nothing);
+    EXPECT_EQ(out.take(), "<qel_mng> 0: QEL app 5 recv new msg.\n");
+    EXPECT_EQ(exceptions(5), count);
+    receive(5, from_peer({}, "after"));
+    EXPECT_EQ(got().size(), 1u);
+}
+
+TEST_F(qel_rx_msg, datagrams_of_no_length_never_block_the_thread) {
+    for (int i = 0; i < 1000; i++) {
+        qel_fake::datagram nothing;
+        nothing.ghost = true;
+        qel_fake::push(qel_get_app_sd(5), nothing);
+    }
+    receive(5, from_peer({}, "after"));
+    EXPECT_EQ(got().size(), 1u);
+    EXPECT_EQ(exceptions(5), 0u);
+}
+
+TEST_F(qel_rx_msg, the_control_data_of_a_message_with_data_is_not_looked_at) {
+    qel_fake::datagram in;
+    in.data = from_peer({}, "x");
+    in.controls = {{.type = 99, .data = bytes(4)}, {.type = TIPC_RETDATA, .data = bytes(4)}};
+    receive(5, in);
+    EXPECT_EQ(got().size(), 1u);
+    EXPECT_EQ(exceptions(5), 0u);
+    EXPECT_THAT(out.take(), Not(testing::AnyOf(HasSubstr("ancillary"), HasSubstr("reject data"))));
+}
+
+// ---- what comes back -------------------------------------------------------------------------------------
+
+qel_fake::control words_control(int type, const std::vector<uint32_t> &words) {
+    qel_fake::control c;
+    c.type = type;
+    c.data.resize(words.size() * 4);
+    memcpy(c.data.data(), words.data(), c.data.size());
+    return c;
+}
+
+struct qel_rx_return : qel_rx_msg {
+    // Of what 5 sent to 7 on node 2.
+    static bytes ours(qel_head head = {}, const std::string &text = "hello") {
+        head.src_app = 5;
+        head.src_node = 1;
+        head.dst_app = 7;
+        head.dst_node = 2;
+        return wire(head, text);
+    }
+    static bytes our_ack(uint32_t counter = 600, uint32_t seq = 0x5002) {
+        return wire({.flags = 1, .src_app = 5, .src_node = 1, .dst_app = 7, .dst_node = 2},
+                    tlv(QEL_TLV_SYNC_ACK, {seq, 99, 1, 0, counter}));
+    }
+    void receive_controls(std::vector<qel_fake::control> controls) {
+        qel_fake::datagram in;
+        in.controls = std::move(controls);
+        receive(5, std::move(in));
+    }
+    void come_back(const bytes &what, uint32_t code = 4) {
+        qel_fake::push_returned(qel_get_app_sd(5), code, what, 7, 2);
+        settle();
+    }
+};
+const std::string new_msg = "<qel_mng> 0: QEL app 5 recv new msg.\n";
+const std::string rejected = "<qel_mng> 0: QEL app 5 recv TIPC reject data.\n";
+
+TEST_F(qel_rx_return, a_returned_message_is_told_counted_and_dumped_in_the_order_of_the_records) {
+    come_back(ours({.seq = 4, .qos = 2}));
+    EXPECT_EQ(out.take(), new_msg +
+                              "<qel_mng> 3: QEL app 5 recv error info TIPC overload, data size 41 bytes.\n" +
+                              rejected +
+                              "<qel_flow_ctrl> 0: QEL app 5 update recv retdata from 7/2.\n"
+                              "===== QEL message header information =====\n"
+                              "QEL version 1, flag: none, qos 2\n"
+                              "message length 41, app version 1\n"
+                              "src app/node 5/1, dst app/node 7/2\n"
+                              "seq 4, RPC status RPC success\n"
+                              "==========================================\n"
+                              "<qel_mng> 0: QEL app 5 recv dst name = {0x8ff, 0x70002, 0x70002}");
+    EXPECT_EQ(recv_stat(5, 7, 2), "receive 0, unack 0, drop 0, return 1");
+    EXPECT_EQ(exceptions(5), 0u);
+    come_back(ours({.flags = 2}));
+    come_back(ours({.flags = 8}));
+    EXPECT_EQ(recv_stat(5, 7, 2), "receive 0, unack 0, drop 0, return 3") << "of whatever kind";
+}
+
+TEST_F(qel_rx_return, a_long_message_comes_back_cut_and_counts_all_the_same) {
+    come_back(ours({}, std::string(60000, 'x')));
+    EXPECT_EQ(recv_stat(5, 7, 2), "receive 0, unack 0, drop 0, return 1");
+    EXPECT_TRUE(out.has("message length 60036, app version 1\n"));
+}
+
+TEST_F(qel_rx_return, a_code_of_1_to_3_is_told_at_verbose_and_0_and_all_others_at_error) {
+    const std::pair<uint32_t, const char *> codes[] = {
+        {0, "3: QEL app 5 recv error info TIPC unknown"},
+        {1, "0: QEL app 5 recv error info TIPC no name"},
+        {2, "0: QEL app 5 recv error info TIPC no port"},
+        {3, "0: QEL app 5 recv error info TIPC no node"},
+        {4, "3: QEL app 5 recv error info TIPC overload"},
+        {5, "3: QEL app 5 recv error info TIPC unknown"},
+        {0xFFFFFFFF, "3: QEL app 5 recv error info TIPC unknown"}};
+    for (const auto &[code, text] : codes) {
+        receive_controls({words_control(TIPC_ERRINFO, {code, 0xFFFFFFFF})});
+        EXPECT_EQ(out.take(), new_msg + "<qel_mng> " + text + ", data size 4294967295 bytes.\n");
+    }
+    EXPECT_EQ(exceptions(5), 0u) << "a datagram socket's error information is no failure";
+}
+
+TEST_F(qel_rx_return, when_the_socket_type_cannot_be_read_the_receive_counts_as_failed) {
+    qel_fake::fail(op::getsockopt, ENOPROTOOPT);
+    receive_controls({words_control(TIPC_ERRINFO, {2, 10})});
+    EXPECT_EQ(out.take(),
+              new_msg + "<qel_mng> 0: QEL app 5 recv error info TIPC no port, data size 10 bytes.\n" +
+                  qel_line("qel_mng", X, "QEL app 5 get socket %d option failed: Protocol not available.\n",
+                           qel_get_app_sd(5)) +
+                  "<qel_mng> 3: QEL recv app 5 msg failed: Protocol not available.\n"
+                  "<qel_flow_ctrl> 3: QEL app 5 update recv exception msg.\n");
+    EXPECT_EQ(exceptions(5), 1u);
+}
+
+TEST_F(qel_rx_return, a_failed_receive_still_walks_the_other_records) {
+    qel_fake::fail(op::getsockopt, ENOPROTOOPT);
+    come_back(ours());
+    EXPECT_EQ(exceptions(5), 1u);
+    EXPECT_EQ(recv_stat(5, 7, 2), "receive 0, unack 0, drop 0, return 1");
+    EXPECT_TRUE(out.has("<qel_mng> 3: QEL recv app 5 msg failed: Protocol not available.\n"));
+}
+
+// What SO_TYPE says of the application's socket, in place of the truth.
+int g_so_type;
+int typed_getsockopt(int, int, int, void *value, socklen_t *len) {
+    memcpy(value, &g_so_type, sizeof g_so_type);
+    *len = sizeof g_so_type;
+    return 0;
+}
+
+TEST_F(qel_rx_return, error_information_on_a_connection_is_a_failure_unless_it_was_shut_down) {
+    static qel_port port = qel_port_get();
+    port.getsockopt = typed_getsockopt;
+    qel_port_set(&port);
+    unsigned count = 0;
+    for (const int type : {SOCK_STREAM, SOCK_SEQPACKET, SOCK_RDM, SOCK_DGRAM})
+        for (uint32_t code = 0; code <= 6; code++) {
+            g_so_type = type;
+            receive_controls({words_control(TIPC_ERRINFO, {code, 0})});
+            count += (type == SOCK_STREAM || type == SOCK_SEQPACKET) && code != 5;
+            EXPECT_EQ(exceptions(5), count) << type << " " << code;
+        }
+}
+
+TEST_F(qel_rx_return, a_result_of_0_without_control_data_is_nothing) {
+    receive_controls({});
+    EXPECT_EQ(out.take(), new_msg);
+    EXPECT_EQ(exceptions(5), 0u);
+}
+
+TEST_F(qel_rx_return, records_of_other_types_are_told_and_the_walk_goes_on) {
+    receive_controls({{.type = 0, .data = bytes(3)},
+                      {.type = 4, .data = bytes(0)},
+                      {.type = -1, .data = bytes(8)},
+                      words_control(TIPC_DESTNAME, {2303, 0x70002, 0x70002})});
+    EXPECT_EQ(out.take(), new_msg +
+                              "<qel_mng> 2: QEL app 5 recv unrecognized ancillary data type 0\n"
+                              "<qel_mng> 2: QEL app 5 recv unrecognized ancillary data type 4\n"
+                              "<qel_mng> 2: QEL app 5 recv unrecognized ancillary data type 4294967295\n"
+                              "<qel_mng> 0: QEL app 5 recv dst name = {0x8ff, 0x70002, 0x70002}");
+    EXPECT_EQ(exceptions(5), 0u);
+}
+
+TEST_F(qel_rx_return, returned_data_below_a_header_is_incomplete_and_an_exception) {
+    const bytes whole = ours();
+    for (size_t size = 0; size < QEL_MSG_HDR_LEN; size++) {
+        receive_controls({{.type = TIPC_RETDATA,
+                           .data = bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size))}});
+        ASSERT_EQ(out.take(), new_msg + rejected +
+                                  "<qel_mng> 3: QEL app 5 recv incomplete reject data.\n"
+                                  "<qel_flow_ctrl> 3: QEL app 5 update recv exception msg.\n")
+            << size;
+        ASSERT_EQ(exceptions(5), size + 1);
+    }
+    EXPECT_EQ(recv_stat(5, 7, 2), "receive 0, unack 0, drop 0, return 0");
+}
+
+TEST_F(qel_rx_return, error_information_or_a_name_that_is_too_short_ends_the_walk) {
+    const qel_fake::control name = words_control(TIPC_DESTNAME, {2303, 1, 1});
+    for (size_t size = 0; size < 8; size++) {
+        receive_controls({{.type = TIPC_ERRINFO, .data = bytes(size)}, name});
+        EXPECT_EQ(out.take(), new_msg) << size;
+    }
+    for (size_t size = 0; size < 12; size++) {
+        receive_controls({{.type = TIPC_DESTNAME, .data = bytes(size)}, name});
+        EXPECT_EQ(out.take(), new_msg) << size;
+    }
+    EXPECT_EQ(exceptions(5), 0u);
+}
+
+// The walk as it is told, on its own: the lines of the records that it reaches.
+std::string walk_as_told(const bytes &control, bool *complete_return) {
+    std::string text;
+    *complete_return = false;
+    for (size_t at = 0; control.size() >= 16 && at + 16 <= control.size();) {
+        uint64_t len;
+        int32_t level, type;
+        memcpy(&len, &control[at], 8);
+        memcpy(&level, &control[at + 8], 4);
+        memcpy(&type, &control[at + 12], 4);
+        if (len < 16 || len > control.size() - at)
+            break;
+        const uint64_t raised = (len + 7) & ~UINT64_C(7);
+        if (at != 0 && raised > control.size() - at)
+            break;
+        const uint8_t *data = control.data() + at + 16;
+        const size_t size = len - 16;
+        if (type == TIPC_ERRINFO) {
+            if (size < 8)
+                break;
+            const uint32_t code = qel_load_host32(data);
+            text += qel_format("<qel_mng> %d: QEL app 5 recv error info %s, data size %u bytes.\n",
+                               code >= 1 && code <= 3 ? V : X,
+                               code == 1   ? "TIPC no name"
+                               : code == 2 ? "TIPC no port"
+                               : code == 3 ? "TIPC no node"
+                               : code == 4 ? "TIPC overload"
+                                           : "TIPC unknown",
+                               qel_load_host32(data + 4));
+        } else if (type == TIPC_RETDATA) {
+            text += rejected;
+            if (size < 36)
+                text += "<qel_mng> 3: QEL app 5 recv incomplete reject data.\n";
+            else
+                *complete_return = true;
+        } else if (type == TIPC_DESTNAME) {
+            if (size < 12)
+                break;
+            text += qel_format("<qel_mng> 0: QEL app 5 recv dst name = {0x%x, 0x%x, 0x%x}",
+                               qel_load_host32(data), qel_load_host32(data + 4), qel_load_host32(data + 8));
+        } else {
+            text += qel_format("<qel_mng> 2: QEL app 5 recv unrecognized ancillary data type %u\n",
+                               static_cast<unsigned>(type));
+        }
+        at += raised;
+    }
+    return text;
+}
+
+// Only the lines of the walk itself.
+std::string walk_lines(const std::string &text) {
+    std::string lines;
+    for (size_t at = 0; at < text.size();) {
+        size_t end = text.find('\n', at);
+        end = end == std::string::npos ? text.size() : end + 1;
+        const std::string line = text.substr(at, end - at);
+        for (const char *part :
+             {"recv error info", "recv TIPC reject", "recv incomplete", "recv dst name", "recv unrecognized"})
+            if (line.find(part) != std::string::npos)
+                lines += line;
+        at = end;
+    }
+    return lines;
+}
+
+bytes whole_control(const bytes &returned_message) {
+    bytes b;
+    for (const qel_fake::control &c :
+         {words_control(TIPC_ERRINFO, {4, static_cast<uint32_t>(returned_message.size())}),
+          qel_fake::control{.type = TIPC_RETDATA, .data = returned_message},
+          words_control(TIPC_DESTNAME, {2303, 0x70002, 0x70002})}) {
+        const uint64_t len = 16 + c.data.size();
+        const int32_t level = SOL_TIPC, type = c.type;
+        const size_t at = b.size();
+        b.resize(at + ((len + 7) & ~UINT64_C(7)));
+        memcpy(&b[at], &len, 8);
+        memcpy(&b[at + 8], &level, 4);
+        memcpy(&b[at + 12], &type, 4);
+        if (!c.data.empty())
+            memcpy(&b[at + 16], c.data.data(), c.data.size());
+    }
+    return b;
+}
+
+TEST_F(qel_rx_return, control_data_cut_at_any_length_is_walked_as_far_as_whole_records_reach) {
+    for (const size_t data_size : {0u, 5u, 988u}) { // 988: the three records fill the buffer
+        const bytes whole = whole_control(ours({}, std::string(data_size, 'x')));
+        for (size_t cut = 0; cut <= whole.size(); cut++) {
+            qel_fake::datagram in;
+            in.raw_controls.assign(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(cut));
+            receive(5, in);
+            bool complete;
+            const std::string wanted = walk_as_told(in.raw_controls, &complete);
+            ASSERT_EQ(walk_lines(out.take()), wanted) << data_size << " cut at " << cut;
+        }
+        ASSERT_TRUE(data_size != 988 || whole.size() == 1096u);
+    }
+    EXPECT_EQ(exceptions(5), 0u);
+}
+
+TEST_F(qel_rx_return, control_data_with_any_flipped_bit_is_walked_without_leaving_it) {
+    const bytes whole = whole_control(ours());
+    for (size_t bit = 0; bit < whole.size() * 8; bit++) {
+        qel_fake::datagram in;
+        in.raw_controls = whole;
+        in.raw_controls[bit / 8] = static_cast<uint8_t>(in.raw_controls[bit / 8] ^ 1u << bit % 8);
+        receive(5, in);
+        bool complete;
+        const std::string wanted = walk_as_told(in.raw_controls, &complete);
+        ASSERT_EQ(walk_lines(out.take()), wanted) << bit;
+    }
+}
+
+TEST_F(qel_rx_return, any_record_length_ends_the_walk_or_steps_inside_the_data) {
+    const bytes whole = whole_control(ours());
+    for (const size_t record : {0u, 24u, 88u})
+        for (const uint64_t len :
+             {UINT64_C(0), UINT64_C(1), UINT64_C(15), UINT64_C(16), UINT64_C(17), UINT64_C(24), UINT64_C(27),
+              UINT64_C(57), UINT64_C(64), UINT64_C(96), UINT64_C(119), UINT64_C(120), UINT64_C(121),
+              UINT64_C(1096), UINT64_C(0x7FFFFFFFFFFFFFFF), UINT64_C(0x8000000000000000),
+              UINT64_C(0xFFFFFFFFFFFFFFF8), UINT64_C(0xFFFFFFFFFFFFFFFF)}) {
+            qel_fake::datagram in;
+            in.raw_controls = whole;
+            memcpy(&in.raw_controls[record], &len, 8);
+            receive(5, in);
+            bool complete;
+            const std::string wanted = walk_as_told(in.raw_controls, &complete);
+            ASSERT_EQ(walk_lines(out.take()), wanted) << record << " " << len;
+        }
+    come_back(ours());
+    EXPECT_THAT(recv_stat(5, 7, 2), HasSubstr("return ")) << "and it lives";
+}
+
+TEST_F(qel_rx_return, a_message_to_the_daemon_that_comes_back_is_told_and_not_counted) {
+    bytes b = wire({.src_app = 5, .src_node = 1, .dst_app = 1, .dst_node = 2}, "x");
+    come_back(b);
+    EXPECT_TRUE(out.has("<qel_flow_ctrl> 0: QEL app 5 update recv retdata from 1/2.\n"));
+    EXPECT_EQ(recv_stat(5, 1, 2), "");
+}
+
+TEST_F(qel_rx, what_comes_back_to_the_daemon_ends_its_calls_to_that_instance_with_status_4) {
+    begin({1});
+    reply_set replies;
+    open_rpc(1, 33, {{7, 2}, {7, 3}}, &replies);
+    qel_fake::push_returned(
+        qel_get_app_sd(1), 2,
+        wire({.flags = 0x0A, .src_app = 1, .src_node = 1, .dst_app = 7, .dst_node = 2, .seq = 33}), 7, 2);
+    settle();
+    ASSERT_EQ(replies.set.count, 1);
+    EXPECT_EQ(replies.set.msg[0]->hdr.rpc_status, 4u);
+    EXPECT_EQ(replies.set.msg[0]->hdr.src_node, 2u);
+    EXPECT_EQ(recv_stat(1, 7, 2), "") << "and counts nothing";
+    EXPECT_TRUE(out.has("<qel_mng> 0: QEL app 1 recv TIPC reject data.\n"
+                        "<qel_rpc> 0: QEL try to terminate app 1 RPC to 7/2.\n"
+                        "<qel_rpc> 2: QEL terminate app 1 seq 33 RPC to 7/2.\n"
+                        "===== QEL message header information =====\n"));
+    EXPECT_EQ(exceptions(1), 0u);
+}
+
+TEST_F(qel_rx_return, a_destination_that_cannot_be_makes_no_record_of_flow_control) {
+    for (const auto &[app, node] : std::vector<std::pair<uint32_t, uint32_t>>{
+             {0, 2}, {0x10007, 2}, {7, 65536}, {7, 0xFFFFFFFF}, {0xFFFFFFFF, 2}, {12288, 2}}) {
+        const std::string before = fc_print(5);
+        come_back(wire({.src_app = 5, .src_node = 1, .dst_app = app, .dst_node = node}, "x"));
+        EXPECT_EQ(fc_print(5), before) << app << "/" << node;
+        EXPECT_TRUE(out.has("===== QEL message header information =====\n"));
+    }
+}
+
+TEST_F(qel_rx_return, status_1_with_short_data_is_converted_within_the_returned_bytes_only) {
+    for (size_t size = 0; size <= 9; size++) {
+        come_back(ours({.status = 1}, std::string(size, 'x')));
+        EXPECT_TRUE(out.take().find("seq 0, RPC status QEL version mismatch\n") != std::string::npos) << size;
+    }
+}
+
+TEST_F(qel_rx_return, a_returned_acknowledgement_is_kept_for_a_second_with_one_try_less) {
+    come_back(our_ack());
+    EXPECT_EQ(out.take(), new_msg +
+                              "<qel_mng> 3: QEL app 5 recv error info TIPC overload, data size 60 bytes.\n" +
+                              rejected +
+                              "<qel_mng> 0: QEL add timer event type 1, seq 102.\n"
+                              "<qel_mng> 0: QEL add sync inst ack resend to 7/2, seq 20482.\n"
+                              "===== QEL message header information =====\n"
+                              "QEL version 1, flag: SYNC, qos 0\n"
+                              "message length 60, app version 1\n"
+                              "src app/node 5/1, dst app/node 7/2\n"
+                              "seq 0, RPC status RPC success\n"
+                              "==========================================\n"
+                              "<qel_mng> 0: QEL app 5 recv dst name = {0x8ff, 0x70002, 0x70002}");
+    EXPECT_THAT(take_short(), ElementsAre("other", "send timer 1000 1/102")); // SO_TYPE is read first
+    EXPECT_EQ(resends(), 1u);
+    EXPECT_EQ(recv_stat(5, 7, 2), "receive 0, unack 0, drop 0, return 0") << "a sync does not count";
+    pass(1s - 1ns);
+    EXPECT_EQ(take_sent().size(), 0u);
+    pass(1ns);
+    const std::vector<sent_msg> again = take_sent();
+    ASSERT_EQ(again.size(), 1u);
+    EXPECT_TRUE(again[0].ack());
+    EXPECT_EQ(again[0].app, 7u);
+    EXPECT_EQ(again[0].node, 2u);
+    EXPECT_EQ(again[0].hdr.seq, 102u) << "the timer's";
+    EXPECT_EQ(again[0].seq(), 0x5002u);
+    EXPECT_EQ(be32_at(again[0].data, 8), 99u);
+    EXPECT_EQ(be32_at(again[0].data, 12), 1u);
+    EXPECT_EQ(again[0].counter(), 599u);
+    EXPECT_EQ(resends(), 0u);
+}
+
+TEST_F(qel_rx_return, only_a_whole_sync_or_acknowledgement_is_kept_every_other_length_is_just_dumped) {
+    const bytes whole = our_ack();
+    for (size_t size = 36; size < whole.size(); size++) {
+        bytes part(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
+        come_back(part);
+        ASSERT_EQ(resends(), 0u) << size;
+        qel_store_be32(&part[4], static_cast<uint32_t>(size)); // and one whose length field agrees
+        come_back(part);
+        ASSERT_EQ(resends(), 0u) << size;
+    }
+    EXPECT_EQ(recv_stat(5, 7, 2), "receive 0, unack 0, drop 0, return 0");
+    for (const int64_t len : {INT64_C(36), INT64_C(59), INT64_C(61), INT64_C(65572), INT64_C(0xFFFFFFFF)}) {
+        bytes b = whole;
+        qel_store_be32(&b[4], static_cast<uint32_t>(len));
+        come_back(b);
+        EXPECT_EQ(resends(), 0u) << len;
+    }
+    come_back(whole);
+    EXPECT_EQ(resends(), 1u);
+}
+
+TEST_F(qel_rx_return, an_acknowledgement_with_more_behind_it_is_kept_whole) {
+    bytes b = wire({.flags = 1, .src_app = 5, .src_node = 1, .dst_app = 7, .dst_node = 2}, [] {
+        bytes section = tlv(QEL_TLV_SYNC_ACK, {0x5002, 99, 1, 0, 600});
+        const bytes more = tlv(9, {1, 2, 3});
+        section.insert(section.end(), more.begin(), more.end());
+        return section;
+    }());
+    come_back(b);
+    ASSERT_EQ(resends(), 1u);
+    pass(1s);
+    const std::vector<sent_msg> again = take_sent();
+    ASSERT_EQ(again.size(), 1u);
+    EXPECT_EQ(again[0].data.size(), 40u);
+    EXPECT_EQ(be32_at(again[0].data, 20), 599u);
+}
+
+TEST_F(qel_rx_return, every_flipped_bit_of_a_returned_acknowledgement_is_kept_counted_or_dumped_as_it_reads) {
+    const bytes whole = our_ack();
+    for (size_t bit = 0; bit < whole.size() * 8; bit++) {
+        bytes b = whole;
+        b[bit / 8] = static_cast<uint8_t>(b[bit / 8] ^ 1u << bit % 8);
+        const qel_seen s = unwire(b);
+        const bool named = qel_valid_app_id(s.hdr.dst_app) && s.hdr.dst_node <= 65535;
+        const bool sync = s.hdr.flags & QEL_FLAG_SYNC;
+        // a section of status 1 was converted, so its first words are no section any more
+        const bool stays = sync && named && s.hdr.src_app == 5 && s.hdr.len == 60 && s.hdr.rpc_status != 1 &&
+                           s.data[0] == 0 && s.data[1] == 24 && s.data[2] == 0 && s.data[3] == 2;
+        const size_t before = resends();
+        const std::string stat = recv_stat(5, 7, 2);
+        come_back(b);
+        EXPECT_EQ(resends() - before, stays ? 1u : 0u) << bit;
+        EXPECT_EQ(recv_stat(5, 7, 2) != stat, !sync && named) << bit;
+        EXPECT_TRUE(out.take().find("===== QEL message header information =====\n") != std::string::npos);
+    }
+}
+
+TEST_F(qel_rx_return, a_counter_of_0_is_not_kept_and_none_is_believed_above_600) {
+    come_back(our_ack(0));
+    EXPECT_EQ(resends(), 0u);
+    EXPECT_THAT(out.take(), Not(HasSubstr("resend")));
+    for (const auto &[counter, left] : std::vector<std::pair<uint32_t, uint32_t>>{
+             {1, 0}, {2, 1}, {600, 599}, {601, 599}, {0xFFFFFFFF, 599}}) {
+        take_sent();
+        come_back(our_ack(counter));
+        pass(1s);
+        const std::vector<sent_msg> again = take_sent();
+        ASSERT_EQ(again.size(), 1u) << counter;
+        EXPECT_EQ(again[0].counter(), left) << counter;
+    }
+}
+
 } // namespace
