@@ -61,7 +61,7 @@ struct qel_world : qel_node {
     static void on_event(qel_app_event event);
     static std::vector<qel_app_event> events();
 
-    int add_app(int32_t app, bool with_thread = true);
+    static int add_app(int32_t app, bool with_thread = true);
     // qel_run(), and on until the library thread waits for its first message.
     static bool run();
     // Publishes @peer on @node and shakes hands for it with every local application that sends it a sync;
