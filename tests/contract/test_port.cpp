@@ -1252,7 +1252,13 @@ TEST_P(port_contract, a_lost_node_takes_its_names_along_and_comes_back) {
     EXPECT_EQ(far->numbers("next 0 20000")[1], 2);
 }
 
-INSTANTIATE_TEST_SUITE_P(local, port_contract, testing::Values(&g_qel_port_local), case_name);
+std::vector<const qel_port *> local_ports() {
+    if (!&g_qel_port_local)
+        return {};
+    return {&g_qel_port_local};
+}
+
+INSTANTIATE_TEST_SUITE_P(local, port_contract, testing::ValuesIn(local_ports()), case_name);
 INSTANTIATE_TEST_SUITE_P(kernel, port_contract, testing::Values(&g_qel_port_kernel), case_name);
 
 } // namespace

@@ -20,12 +20,12 @@ window, no fragmentation, no loss; between two kernels there is. A guest has one
 races.
 """
 import argparse
-import collections
 import ctypes
 import glob
 import itertools
 import json
 import os
+import select
 import shutil
 import signal
 import socket
@@ -39,6 +39,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 AGENT = os.path.join(HERE, "..", "support", "node_agent.py")
 MEMORY = "512M"
 BOOT_TIMEOUT_S = 90  # 3 s on an idle host
+QUIT_TIMEOUT_S = 5  # a tenth of a second on an idle host
 INPUT_WINDOW = 2048  # what may be on its way into a guest; more than 4096 and its terminal sticks
 VECTOR_SOCKET_BYTES = 4 << 20
 PR_SET_PDEATHSIG = 1
@@ -119,10 +120,32 @@ class Channel:
                 data = data[part:]
 
 
+class Guard:
+    """Cleans up after this process if it is killed: ends process groups, removes a directory."""
+
+    SCRIPT = """groups=
+        while read word; do [ "$word" = done ] && exit 0; groups="$groups -$word"; done
+        [ -z "$groups" ] || kill -KILL -- $groups
+        exec rm -rf -- "$1" """
+
+    def __init__(self, directory):
+        self.proc = subprocess.Popen(["sh", "-c", self.SCRIPT, "guard", directory], stdin=subprocess.PIPE,
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                     start_new_session=True)
+
+    def add(self, group):
+        self.proc.stdin.write(b"%d\n" % group)
+        self.proc.stdin.flush()
+
+    def dismiss(self):
+        if self.proc.returncode is None:
+            self.proc.communicate(b"done\n")
+
+
 class Guest:
     """One running user-mode-linux."""
 
-    def __init__(self, number, work, arguments, links):
+    def __init__(self, number, work, arguments, links, guard):
         self.console = os.path.join(work, f"console{number}")
         self.failed = os.path.join(work, f"failed{number}")
         ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -135,9 +158,11 @@ class Guest:
             command.append(f"vec{i}:transport=fd,fd={sock.fileno()},depth=128,mac={mac}")
         with open(self.console, "wb") as console:
             self.proc = subprocess.Popen(
-                command, stdin=subprocess.DEVNULL, stdout=console, stderr=console, preexec_fn=die_with_parent,
+                command, stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=True,
                 env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "TMPDIR": self.memory_dir(), "HOME": work},
                 pass_fds=[theirs.fileno()] + [sock.fileno() for sock, _ in links])
+        guard.add(self.proc.pid)
+        self.pidfd = os.pidfd_open(self.proc.pid)
         theirs.close()
         self.sock = ours
         self.channel = Channel(ours.fileno(), ours.fileno(), INPUT_WINDOW)
@@ -153,21 +178,32 @@ class Guest:
         if os.path.exists(self.failed):
             with open(self.failed) as f:
                 text += f.read().strip() + "\n"
-        status = self.proc.poll()
-        text += "it is running\n" if status is None else f"its status is {status}\n"
+        end = os.waitid(os.P_PID, self.proc.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT)
+        text += "it is running\n" if end is None else f"its status is {end.si_status}\n"
         with open(self.console, "rb") as f:
             lines = f.read().decode("latin-1").replace("\r", "").splitlines()
         return text + "\n".join("  console: " + line for line in lines[-40:] if line.strip())
 
+    def ended(self, timeout_s):
+        """Whether it ends within that time; its process ID stays taken."""
+        poll = select.poll()
+        poll.register(self.pidfd, select.POLLIN)
+        return bool(poll.poll(timeout_s * 1000))
+
+    def quit(self):
+        """Asks it to power off."""
+        try:
+            self.sock.shutdown(socket.SHUT_WR)  # its agent sees the end of its input
+        except OSError:
+            pass
+
     def stop(self):
-        """Ends it and whatever it left; never by SIGKILL first, which leaves its stub processes behind."""
-        if self.proc.poll() is None:
+        """Ends it and whatever it left. It is to power off by itself: by SIGTERM it hangs now and then."""
+        self.quit()
+        if not self.ended(QUIT_TIMEOUT_S):
             self.proc.terminate()
-            try:
-                self.proc.wait(10)
-            except subprocess.TimeoutExpired:
-                pass
-        try:  # it leads a group of its own, in which all its processes are
+            self.ended(QUIT_TIMEOUT_S)
+        try:
             os.killpg(self.proc.pid, signal.SIGKILL)
         except (ProcessLookupError, PermissionError):
             pass
@@ -179,6 +215,7 @@ class Guest:
         if hasattr(self.channel, "reader"):
             self.channel.reader.join()
         self.sock.close()
+        os.close(self.pidfd)
 
 
 class Kernels:
@@ -210,6 +247,7 @@ class Kernels:
             f.writelines(os.path.abspath(m) + "\n" for m in mounts)
         hellos = [threading.Event() for _ in range(kernels)]
         self.guests = []
+        self.guard = Guard(self.work)
         wires = []
         links = [[] for _ in range(kernels)]
         for a, b in itertools.combinations(range(kernels), 2):
@@ -229,7 +267,7 @@ class Kernels:
             for k in range(kernels):
                 arguments = {"NODES": nodes, "PEERS": nodes - 1} if kernels == 1 else \
                     {"NODES": 0, "SELF": k + 1, "LINKS": len(links[k]), "PEERS": nodes - 1}
-                self.guests.append(Guest(k + 1, self.work, arguments, links[k]))
+                self.guests.append(Guest(k + 1, self.work, arguments, links[k], self.guard))
             for k, guest in enumerate(self.guests):
                 guest.channel.listen(lambda event, k=k: on_event(k, event),
                                      lambda k=k: (hellos[k].set(), closed(k)))
@@ -238,7 +276,7 @@ class Kernels:
                 if not hello.wait(max(0, deadline - time.monotonic())):
                     raise KernelError(f"a kernel did not start in {boot_timeout_s} s: " + guest.trouble())
                 if guest.channel.is_closed:
-                    guest.proc.wait(10)
+                    guest.ended(10)
                     raise KernelError("a kernel did not start: " + guest.trouble())
         except BaseException:
             self.stop()
@@ -255,10 +293,11 @@ class Kernels:
 
     def stop(self):
         for guest in self.guests:
-            if guest.proc.poll() is None:
-                guest.proc.terminate()
+            guest.quit()
         for guest in self.guests:
             guest.stop()
+        self.guests = []
+        self.guard.dismiss()
 
 
 def make_node_files(work, node):

@@ -45,6 +45,7 @@ Leaving the "with" block kills every process and kernel and removes every file. 
 the output of all processes is shown first, with times; cluster.dump() shows it at any time.
 
 node.cut() and node.mend() take a node's network down and up again, where the back end can (netns, pair).
+cluster.loss(percent) makes every wire lose packets; in netns that concerns link state and names only.
 """
 import os
 import re
@@ -257,10 +258,11 @@ class Node:
                 proc.wait()
 
     def cut(self):
-        self.run(["ip", "link", "set", self.cluster.interface(), "down"], check=True)
+        # An interface set down cannot come up again where it is a wire between two kernels.
+        self.run(["tipc", "bearer", "disable", "media", "eth", "device", self.cluster.interface()], check=True)
 
     def mend(self):
-        self.run(["ip", "link", "set", self.cluster.interface(), "up"], check=True)
+        self.run(["tipc", "bearer", "enable", "media", "eth", "device", self.cluster.interface()], check=True)
 
 
 class Cluster:
@@ -274,7 +276,7 @@ class Cluster:
         self.last_id = 0
         self.broken = None
         self.closing = False
-        self.kernels = self.agent = self.fabric = None
+        self.kernels = self.agent = self.guard = None
         self.work = tempfile.mkdtemp(prefix="qn-")
         try:
             if self.backend == "local":
@@ -297,6 +299,7 @@ class Cluster:
     def _start_local(self, nodes):
         for n in range(1, nodes + 1):
             uml.make_node_files(self.work, n)
+        self.guard = uml.Guard(self.work)
         self.fabric_dir = os.path.join(self.work, "fabric")
         self.start_fabric()
         self.agent = subprocess.Popen([sys.executable, "-B", "-E", "-S", AGENT], stdin=subprocess.PIPE,
@@ -369,6 +372,14 @@ class Cluster:
         with self.changed:
             return [p for p in self.procs.values() if p.status is None and not p.error]
 
+    def loss(self, percent):
+        """What share of the packets every wire loses, each way; 100 cuts the nodes off silently, 0 ends it."""
+        for node in self.nodes:
+            verb = ["replace"] if percent else ["del"]
+            tail = ["netem", "loss", f"{percent}%"] if percent else []
+            # Without a discipline of ours there is nothing to delete.
+            node.run(["tc", "qdisc", *verb, "dev", self.interface(), "root", *tail], check=percent > 0)
+
     # ---- the end
     def dump(self, file=None):
         """Shows the output of all processes so far."""
@@ -383,12 +394,16 @@ class Cluster:
                 print("\n".join(shown[-DUMP_LINES:]), file=file)
             print("----", file=file, flush=True)
 
-    def reset(self):
-        """Kills all processes, forgets them, restores the files of the nodes."""
+    def kill_all(self):
+        """Kills all processes and forgets them and their output."""
         for node in self.nodes:
             node.kill_all()
         with self.changed:
             self.procs.clear()
+
+    def reset(self):
+        """kill_all(), and the files of the nodes are as at the start."""
+        self.kill_all()
         for node in self.nodes:
             for d in ("etc", "tmp", "velt"):
                 shutil.rmtree(os.path.join(node.root, d))
@@ -410,6 +425,8 @@ class Cluster:
             if self.fabric.poll() is None:
                 self.stop_fabric()
             self.fabric = None
+        if self.guard:
+            self.guard.dismiss()
         if self.kernels:
             self.kernels.stop()
             self.kernels = None
