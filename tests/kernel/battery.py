@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """The contract tests on real TIPC: one boot for all cases, one ctest entry for each.
 
-    battery.py netns RESULTS BINARY     boots one kernel with two nodes and runs the kernel cases of BINARY on node 1
-    battery.py pair RESULTS BINARY      boots two kernels with a real link between them and runs pair_cases.py
-    battery.py show RESULTS CASE        shows what CASE printed; the status is that of the case
+    battery.py netns RESULTS BINARY  boots a kernel with two nodes, runs the kernel cases of BINARY on node 1
+    battery.py pair RESULTS BINARY   boots two kernels with a real link between them, runs pair_cases.py
+    battery.py show RESULTS CASE     shows what CASE printed; the status is that of the case
     battery.py cmake OUT TARGET BINARY [TARGET BINARY]...
-                                        writes the ctest entries: battery.<kind>.<target> and those of its cases
+                                     writes the ctest entries battery.<kind>.<target> and those of its cases
 
 The first two end with 0 when every case has a result, passed or not; what fails is the entry of the case.
 """
@@ -135,7 +135,8 @@ def pair_functions():
 
 def report(results, begin, booted):
     failed = sorted(name for name, r in results.cases.items() if not r["passed"])
-    print(f"booted in {booted - begin:.1f} s, {len(results.cases)} cases in {time.monotonic() - booted:.1f} s")
+    took = time.monotonic() - booted
+    print(f"booted in {booted - begin:.1f} s, {len(results.cases)} cases in {took:.1f} s")
     for name in failed:
         print("failed:", name)
 
@@ -152,7 +153,7 @@ def show(path, case):
 
 
 def cmake(out, pairs):
-    """Entries of ctest for the cases of the programs in @pairs, [target, binary, target, binary...]."""
+    """Writes ctest entries for the cases of the programs in @pairs: [target, binary, target...]."""
     me, base = os.path.abspath(__file__), os.path.dirname(os.path.abspath(out))
     text = []
 

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +20,8 @@ namespace port_test {
 namespace {
 constexpr int nodes = 2;
 constexpr int start_timeout_ms = 10000;
+constexpr int ready_fd =
+    100; // in the fabric; above all that is open here, so that dup2() clears close-on-exec
 } // namespace
 
 local_fabric &local_fabric::get() {
@@ -53,38 +56,33 @@ void local_fabric::start() {
         fs::create_directories(local_node_root(n) + "/tmp/addr", err);
         std::ofstream(local_node_root(n) + "/tmp/addr/.qel_node_addr") << n << "\n";
     }
-    const std::string fabric = directory_ + "/fabric";
-    fs::create_directory(fabric, err);
+    const std::string fabric = directory_ + "/fabric"; // made by the program, closed to others
     setenv("QEL_FABRIC", fabric.c_str(), 1);
     setenv("QEL_ROOT", local_node_root(1).c_str(), 1);
     setenv("QEL_TRANSPORT", "local", 1);
-    std::string path = program;
-    char *argv[] = {path.data(), nullptr};
-    if (int ret = posix_spawn(&pid_, program, nullptr, nullptr, argv, environ)) {
-        trouble_ = path + ": " + strerror(ret);
-        pid_ = -1;
+    int ready[2];
+    if (pipe2(ready, O_CLOEXEC) != 0) {
+        trouble_ = std::string("no pipe: ") + strerror(errno);
         return;
     }
-    // It is there when a socket can be made.
-    const auto deadline = steady::now() + milliseconds(start_timeout_ms);
-    for (;;) {
-        const int fd = g_qel_port_local.socket(AF_TIPC, SOCK_RDM, 0);
-        if (fd >= 0) {
-            g_qel_port_local.close(fd);
-            return;
-        }
-        int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            trouble_ = path + " ended with wait status " + std::to_string(status);
-            return;
-        }
-        if (steady::now() > deadline) {
-            trouble_ = "no socket of the local transport: " + std::string(strerror(errno));
-            return;
-        }
-        poll(nullptr, 0, 5);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ready[1], ready_fd);
+    std::string path = program, option = "--ready-fd", number = std::to_string(ready_fd);
+    char *argv[] = {path.data(), option.data(), number.data(), nullptr};
+    int ret = posix_spawn(&pid_, program, &actions, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(ready[1]);
+    char newline = 0;
+    if (ret) {
+        trouble_ = path + ": " + strerror(ret);
+        pid_ = -1;
+    } else {
+        pollfd p{ready[0], POLLIN, 0};
+        if (poll(&p, 1, start_timeout_ms) != 1 || read(ready[0], &newline, 1) != 1)
+            trouble_ = path + " did not start";
     }
+    ::close(ready[0]);
 }
 
 void local_fabric::stop() {

@@ -11,9 +11,6 @@
 
 #include "qel_port.h"
 
-// Weak: the tests of a transport can be built without the other one.
-extern const qel_port g_qel_port_local [[gnu::weak]];
-
 namespace port_test {
 
 using bytes = std::vector<uint8_t>;

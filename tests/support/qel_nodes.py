@@ -259,10 +259,13 @@ class Node:
 
     def cut(self):
         # An interface set down cannot come up again where it is a wire between two kernels.
-        self.run(["tipc", "bearer", "disable", "media", "eth", "device", self.cluster.interface()], check=True)
+        self._bearer("disable")
 
     def mend(self):
-        self.run(["tipc", "bearer", "enable", "media", "eth", "device", self.cluster.interface()], check=True)
+        self._bearer("enable")
+
+    def _bearer(self, verb):
+        self.run(["tipc", "bearer", verb, "media", "eth", "device", self.cluster.interface()], check=True)
 
 
 class Cluster:
@@ -276,10 +279,11 @@ class Cluster:
         self.last_id = 0
         self.broken = None
         self.closing = False
-        self.kernels = self.agent = self.guard = None
+        self.kernels = self.agent = self.fabric = self.guard = None
         self.work = tempfile.mkdtemp(prefix="qn-")
         try:
             if self.backend == "local":
+                self.guard = uml.Guard(self.work)
                 self._start_local(nodes)
             else:
                 self.kernels = uml.Kernels(nodes, 1 if self.backend == "netns" else nodes, self.work,
@@ -299,7 +303,6 @@ class Cluster:
     def _start_local(self, nodes):
         for n in range(1, nodes + 1):
             uml.make_node_files(self.work, n)
-        self.guard = uml.Guard(self.work)
         self.fabric_dir = os.path.join(self.work, "fabric")
         self.start_fabric()
         self.agent = subprocess.Popen([sys.executable, "-B", "-E", "-S", AGENT], stdin=subprocess.PIPE,
@@ -373,7 +376,7 @@ class Cluster:
             return [p for p in self.procs.values() if p.status is None and not p.error]
 
     def loss(self, percent):
-        """What share of the packets every wire loses, each way; 100 cuts the nodes off silently, 0 ends it."""
+        """What share of the packets every wire loses, each way; 100 cuts nodes off silently, 0 ends it."""
         for node in self.nodes:
             verb = ["replace"] if percent else ["del"]
             tail = ["netem", "loss", f"{percent}%"] if percent else []
@@ -425,12 +428,12 @@ class Cluster:
             if self.fabric.poll() is None:
                 self.stop_fabric()
             self.fabric = None
-        if self.guard:
-            self.guard.dismiss()
         if self.kernels:
             self.kernels.stop()
             self.kernels = None
         shutil.rmtree(self.work, ignore_errors=True)
+        if self.guard:
+            self.guard.dismiss()
 
     def __enter__(self):
         return self
