@@ -1,6 +1,6 @@
-"""Contract cases that need a real link, which namespaces of one kernel do not have: two kernels, one node each,
-joined by a wire that can be cut and made lossy. Each case_<name> is one ctest entry (battery.py); it gets a Link
-with a process of the contract tests on both sides (tests/support/port_peer.h tells what they can be asked).
+"""Contract cases that need a real link, which namespaces of one kernel do not have: two kernels, one node
+each, joined by a wire that can be cut and made lossy. Each case_<name> is one ctest entry (battery.py), given
+a Link with a process of the contract tests on both sides (tests/support/port_peer.h: what they can be asked).
 """
 import itertools
 import time
@@ -146,8 +146,8 @@ def case_a_killed_receiver_gives_its_unread_datagrams_back(link):
 
 
 def case_a_send_blocks_on_a_dead_link_until_it_is_declared_lost(link):
-    """The link's window takes some datagrams, then sendto() sleeps; it ends with EHOSTUNREACH, and nothing of
-    what the link held comes back."""
+    """The link's window takes some datagrams, then sendto() sleeps; it ends with EHOSTUNREACH, and nothing
+    of what the link held comes back."""
     link.receiver()
     link.cut()
     sent, err, longest_us = link.send(1000, 1, 10000)
@@ -169,8 +169,8 @@ def case_a_send_without_waiting_is_eagain_on_a_dead_link(link):
 
 
 def case_a_silent_node_is_withdrawn_with_its_names_and_comes_back(link):
-    """1.5 s of silence are a lost link: the node and its names go within a moment of each other. When the wire
-    works again they come back without anybody doing anything, and datagrams pass."""
+    """1.5 s of silence are a lost link: the node and its names go within a moment of each other. When the
+    wire works again they come back without anybody doing anything, and datagrams pass."""
     link.receiver()
     link.near.ask("topology 2")
     link.near.ask(f"subscribe 2 0 {NODE_0 + 2} {NODE_0 + 2} 4294967295 2")
