@@ -1,16 +1,57 @@
 #include "qel_process.h"
 
+#include <cerrno>
+#include <utility>
+
 #include "qel_app_info.h"
 #include "qel_dm.h"
 #include "qel_flow_ctrl.h"
 #include "qel_mng_int.h"
 #include "qel_rpc.h"
 
+namespace {
+thread_local bool t_task = false;
+std::function<void()> g_at_deadline; // guarded by the lock of qel_time
+const qel_sys *g_below = nullptr;
+int timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const timespec *deadline) {
+    const int ret = g_below->cond_timedwait(cond, mutex, deadline);
+    if (ret != ETIMEDOUT || !t_task)
+        return ret;
+    qel_time::lock();
+    const auto act = std::exchange(g_at_deadline, nullptr);
+    qel_time::unlock();
+    if (act) {
+        pthread_mutex_unlock(mutex);
+        act();
+        pthread_mutex_lock(mutex);
+    }
+    return ret;
+}
+} // namespace
+
+qel_process::qel_process() {
+    static const qel_sys below = qel_sys_get();
+    static const qel_sys table = [] {
+        qel_sys t = below;
+        t.cond_timedwait = timedwait;
+        return t;
+    }();
+    g_below = &below;
+    g_qel_sys.store(&table);
+}
+
+void qel_at_deadline(std::function<void()> act) {
+    qel_time::lock();
+    g_at_deadline = std::move(act);
+    qel_time::unlock();
+}
+
 qel_task::qel_task(std::function<void()> fun) : state_(std::make_shared<state>()) {
     state_->fun = std::move(fun);
     auto *mine = new std::shared_ptr<state>(state_);
     const auto run = [](void *p) -> void * {
         const std::unique_ptr<std::shared_ptr<state>> s(static_cast<std::shared_ptr<state> *>(p));
+        t_task = true;
         (*s)->fun();
         (*s)->ended = true;
         return nullptr;

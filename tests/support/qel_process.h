@@ -43,7 +43,14 @@ class qel_task {
     bool joined_ = false;
 };
 
+// Runs @act on the next qel_task whose timed wait ends by its deadline, before the wait returns and while the
+// task has not got its mutex back: what is done then is in time for the task's next look and too late for its
+// deadline. Null takes it back.
+void qel_at_deadline(std::function<void()> act);
+
 struct qel_process : qel_world {
+    qel_process();
+
     // @peer has servers on @nodes that are online, declared by @app, which is registered.
     static void serve(uint32_t app, uint32_t peer, const std::vector<uint32_t> &nodes);
     // They are no longer there; nobody is told.

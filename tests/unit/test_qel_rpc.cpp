@@ -15,29 +15,6 @@ using qel_time::sys;
 #define RPC(level, ...) qel_line("qel_rpc", level, __VA_ARGS__)
 constexpr uint32_t me = 5;
 
-// The moment between the end of a timed wait and its return, when the caller has no lock yet: what is filed
-// then was in time for the caller's next look and too late for its deadline.
-std::function<void()> g_at_deadline; // used up by the next wait that times out on an armed thread
-thread_local bool t_armed = false;
-const qel_sys *g_below = nullptr;
-int racing_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const timespec *deadline) {
-    const int ret = g_below->cond_timedwait(cond, mutex, deadline);
-    if (ret == ETIMEDOUT && t_armed && g_at_deadline) {
-        const auto act = std::exchange(g_at_deadline, nullptr);
-        pthread_mutex_unlock(mutex);
-        act();
-        pthread_mutex_lock(mutex);
-    }
-    return ret;
-}
-void install_race() {
-    static qel_sys table = qel_sys_get();
-    static const qel_sys below = table;
-    g_below = &below;
-    table.cond_timedwait = racing_timedwait;
-    g_qel_sys.store(&table);
-}
-
 // Application 5 of node 1, registered, not running.
 struct rpc : qel_process {
     rpc() {
@@ -84,7 +61,6 @@ struct open_wait {
     }
     void begin() {
         caller = std::make_unique<qel_task>([this] {
-            t_armed = true;
             qel_thread_set_name("qel_caller");
             ret = qel_rpc_wait_reply(me, seq);
         });
@@ -544,12 +520,7 @@ TEST_F(rpc_death, a_condition_that_cannot_be_waited_for_is_an_assertion_failure)
 
 // ---- the race of deadline and last reply ----------------------------------------------------------------
 
-struct rpc_race : rpc {
-    rpc_race() { install_race(); }
-    ~rpc_race() override { g_at_deadline = nullptr; }
-};
-
-TEST_F(rpc_race, where_the_last_reply_meets_a_deadline_the_call_fails_with_etimedout_and_an_empty_set) {
+TEST_F(rpc, where_the_last_reply_meets_a_deadline_the_call_fails_with_etimedout_and_an_empty_set) {
     open_wait w(4711, 90, {{7, 2}, {7, 3}}), other(4712, 600, {{7, 3}});
     w.begin();
     ASSERT_TRUE(qel_time::run_for(1s));
@@ -559,10 +530,10 @@ TEST_F(rpc_race, where_the_last_reply_meets_a_deadline_the_call_fails_with_etime
     qel_capture out;
     qel_set_masks();
     std::string meanwhile;
-    g_at_deadline = [&] {
+    qel_at_deadline([&] {
         EXPECT_EQ(add(7, 3, 4711), 0);
         meanwhile = out.take();
-    };
+    });
     qel_time::advance(30s);
     ASSERT_TRUE(w.caller->join());
     EXPECT_EQ(meanwhile, RPC(V, "QEL add RPC reply for app 5 seq 4711 from 7/3 status RPC success.\n") +
@@ -578,13 +549,13 @@ TEST_F(rpc_race, where_the_last_reply_meets_a_deadline_the_call_fails_with_etime
     EXPECT_FALSE(other.gone());
 }
 
-TEST_F(rpc_race, with_time_out_0_the_race_is_met_at_each_second) {
+TEST_F(rpc, with_time_out_0_the_race_is_met_at_each_second) {
     open_wait w(4711, 0, {{7, 2}});
     w.begin();
     ASSERT_TRUE(qel_time::run_for(10s));
     qel_capture out;
     qel_set_masks(8);
-    g_at_deadline = [] { EXPECT_EQ(add(7, 2, 4711), 0); };
+    qel_at_deadline([] { EXPECT_EQ(add(7, 2, 4711), 0); });
     ASSERT_TRUE(qel_time::run_for(1s));
     ASSERT_TRUE(w.caller->join());
     EXPECT_EQ(out.take(), RPC(X, "QEL app 5 seq 4711 wait for RPC reply failed: Connection timed out.\n"));
@@ -593,7 +564,7 @@ TEST_F(rpc_race, with_time_out_0_the_race_is_met_at_each_second) {
     EXPECT_TRUE(w.gone());
 }
 
-TEST_F(rpc_race, a_termination_or_error_reply_that_meets_a_deadline_is_the_same_race) {
+TEST_F(rpc, a_termination_or_error_reply_that_meets_a_deadline_is_the_same_race) {
     const std::function<void()> acts[] = {
         [] { EXPECT_EQ(qel_terminate_rpc(me, 7, 2), 0); },
         [] { EXPECT_EQ(qel_rpc_add_error_reply(me, 4711, 7, 2, QEL_STATUS_SYSTEM), 0); },
@@ -601,7 +572,7 @@ TEST_F(rpc_race, a_termination_or_error_reply_that_meets_a_deadline_is_the_same_
     for (const auto &act : acts) {
         open_wait w(4711, 60, {{7, 2}});
         w.begin();
-        g_at_deadline = act;
+        qel_at_deadline(act);
         ASSERT_TRUE(qel_time::run_for(30s));
         ASSERT_TRUE(w.caller->join());
         EXPECT_EQ(w.ret, ETIMEDOUT);
@@ -609,15 +580,15 @@ TEST_F(rpc_race, a_termination_or_error_reply_that_meets_a_deadline_is_the_same_
     }
 }
 
-TEST_F(rpc_race, a_last_reply_that_meets_the_last_deadline_is_a_success) {
+TEST_F(rpc, a_last_reply_that_meets_the_last_deadline_is_a_success) {
     open_wait w(4711, 30, {{7, 2}});
     w.begin();
     qel_capture out;
     qel_set_masks();
-    g_at_deadline = [&out] {
+    qel_at_deadline([&out] {
         EXPECT_EQ(add(7, 2, 4711, 3), 0);
         (void)out.take();
-    };
+    });
     qel_time::advance(30s);
     ASSERT_TRUE(w.caller->join());
     EXPECT_EQ(out.take(), RPC(I, "QEL app 5 seq 4711 wait for RPC reply timeout.\n") +
@@ -626,17 +597,17 @@ TEST_F(rpc_race, a_last_reply_that_meets_the_last_deadline_is_a_success) {
     EXPECT_EQ(w.replies(), (list{"7/2 3"}));
 }
 
-TEST_F(rpc_race, a_reply_that_meets_the_last_deadline_counts_and_only_the_silent_time_out) {
+TEST_F(rpc, a_reply_that_meets_the_last_deadline_counts_and_only_the_silent_time_out) {
     open_wait w(4711, 30, {{7, 2}, {7, 3}, {7, 4}});
     w.begin();
-    g_at_deadline = [] { EXPECT_EQ(add(7, 3, 4711), 0); };
+    qel_at_deadline([] { EXPECT_EQ(add(7, 3, 4711), 0); });
     ASSERT_TRUE(qel_time::run_for(30s));
     ASSERT_TRUE(w.caller->join());
     EXPECT_EQ(w.ret, 0);
     EXPECT_EQ(w.replies(), (list{"7/3 0", "7/2 5", "7/4 5"}));
 }
 
-TEST_F(rpc_race, a_reply_in_time_after_slices_that_ran_out_is_a_success) {
+TEST_F(rpc, a_reply_in_time_after_slices_that_ran_out_is_a_success) {
     for (const uint32_t timeout : {0u, 90u}) {
         open_wait w(1, timeout, {{7, 2}});
         w.begin();
