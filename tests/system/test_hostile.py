@@ -21,6 +21,7 @@ class Hostile(SystemTest):
     """20 on node 1 is the target, 21 on node 2 its friend through the library, 30 there a peer by hand."""
 
     def setUp(self):
+        self.last = None
         self.target = self.agent(1, {20: [21, 30]})
         self.friend = self.agent(2, {21: [20]})
         self.raw = Raw(self.node(2))
@@ -39,6 +40,8 @@ class Hostile(SystemTest):
 
     def check_alive(self, friend_lost=False):
         """The target is the process it was and serves, unless the attacker could take the friend down."""
+        if self.last:
+            self.last.result(120)
         if not friend_lost:
             self.friend.call("forget", 21, 20, 1)
             self.assertEqual(self.target.call("sendto", 20, 21, 2, 1500, 100, 0, "first=0")[:2], [0, 1500])
@@ -50,9 +53,9 @@ class Hostile(SystemTest):
         growth = self.target.value("rss") - self.resident
         self.assertLess(growth, GROWTH_KB, "the process grows")
 
-    def throw(self, data, sock=None):
+    def throw(self, data):
         # The result is not of interest: what is no message may be refused by the transport.
-        self.raw.call("send", self.peer.sock if sock is None else sock, 2303, 20 << 16 | 1, data.hex() or "-")
+        self.last = self.raw.start("send", self.peer.sock, 2303, 20 << 16 | 1, data.hex() or "-")
 
     def flood(self, count, seed, kind, model=b""):
         sent, failed = self.raw.call("flood", self.stranger, 2303, 20 << 16 | 1, count, seed, kind,
@@ -92,7 +95,7 @@ class Hostile(SystemTest):
         self.check_alive()
 
     def test_huge_nodes_and_odd_applications(self):
-        for flags in (0, SYNC, REQUEST, REQUEST | ACK, MNG, MNG | REQUEST, MNG | REQUEST | ACK, 15, 0xF0, 255):
+        for flags in (0, SYNC, REQUEST, REQUEST | ACK, MNG, MNG | REQUEST, MNG | REQUEST | ACK, 15, 255):
             data = tlv(1, struct.pack(">5I", 1, 2, 1, 1, 600)) if flags & SYNC else tlv(0, b"\0\0\0\1")
             for node in HUGE_NODES:
                 self.throw(message((30, node), TARGET, data, flags))
@@ -124,11 +127,12 @@ class Hostile(SystemTest):
         self.check_alive()
 
     def test_random_bytes(self):
-        self.flood(20000, 1, "random")
+        count = 8000 if self.real else 20000
+        self.flood(count, 1, "random")
         self.check_alive()
         text = Peer(self.raw, (1, 2)).statistics(20, 1).decode()
         counted = int(re.search(r"  total receive \d+, unack \d+, exception (\d+)", text).group(1))
-        self.assertGreater(counted, 15000, "it has received and refused them")
+        self.assertGreater(counted, count * 3 // 4, "it has received and refused them")
 
     def test_changed_bits_in_messages_of_every_kind(self):
         # From an application that the target does not know: its own peers may be taken down by a lucky sync.
@@ -141,8 +145,8 @@ class Hostile(SystemTest):
         successor.joined(22, 2)
 
     def test_syncs_of_ten_thousand_instances_nobody_has_heard_of(self):
-        self.flood(10000, 0, "peers", sync((40, 0), TARGET, 5, 6))
-        self.flood(10000, 0, "peers", sync((40, 0), TARGET, 5, 6, resume=1))
+        for resume in (0,) if self.real else (0, 1):
+            self.flood(10000, 0, "peers", sync((40, 0), TARGET, 5, 6, resume=resume))
         self.check_alive()
 
     def test_messages_of_ten_thousand_instances_nobody_has_heard_of(self):
