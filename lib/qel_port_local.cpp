@@ -696,6 +696,12 @@ static void trim_idle(pollfd *fds, nfds_t count) {
     }
 }
 
+// What to remember of the fabric's event count after the other descriptors were looked at: as long as one of
+// them has something, the next call must look again, for there may be more than one event to read.
+static uint32_t events_after_look(uint32_t count_before, int others_ready) {
+    return others_ready > 0 ? count_before - 1 : count_before;
+}
+
 // The whole of poll(), with the kernel. At the end, whatever the kernel reported, the queues are looked at
 // again: a message that came before an event is never reported after it.
 static int poll_sleeping(pollfd *fds, nfds_t count, int timeout_ms) {
@@ -733,14 +739,14 @@ static int poll_sleeping(pollfd *fds, nfds_t count, int timeout_ms) {
                 real[i].events = static_cast<short>(fds[i].events & POLLIN ? POLLIN : 0);
         }
         real[count] = {control, 0, 0};
+        const uint32_t events =
+            before.first ? qel_local_page()->event_count.load(std::memory_order_acquire) : 0;
         const int got = ::poll(real, count + 1, left);
         const int error = errno;
         if (!last)
             sleep_end(fds, count);
         if (before.first && (control < 0 || (got > 0 && real[count].revents)))
             qel_local_check_connection();
-        if (before.first)
-            before.first->events_seen = qel_local_page()->event_count.load(std::memory_order_relaxed);
         if (got < 0) {
             errno = error;
             result = -1;
@@ -760,6 +766,8 @@ static int poll_sleeping(pollfd *fds, nfds_t count, int timeout_ms) {
             adapt_events(fds[i]);
             result += fds[i].revents != 0;
         }
+        if (before.first)
+            before.first->events_seen = events_after_look(events, result);
         result += scan_queues(fds, count).ready;
         if (result > 0 || last)
             break;
@@ -789,8 +797,8 @@ static int local_poll(pollfd *fds, nfds_t count, int timeout_ms) {
             return scan.ready;
         }
         if (qel_local_control_fd() >= 0) {
-            s.events_seen = events;
             const int others = look_at_others(fds, count);
+            s.events_seen = events_after_look(events, others);
             return others + scan_queues(fds, count).ready;
         }
     }
