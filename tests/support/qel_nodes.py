@@ -44,7 +44,7 @@ between them, which kills all processes and restores the files of the nodes.
 Leaving the "with" block kills every process and kernel and removes every file. If it is left by an exception,
 the output of all processes is shown first, with times; cluster.dump() shows it at any time.
 
-node.cut() and node.mend() take a node's network down and up again, where the back end can (netns, pair).
+node.cut() and node.mend() take a node off the network and back, in every back end.
 cluster.loss(percent) makes every wire lose packets; in netns that concerns link state and names only.
 """
 import os
@@ -258,10 +258,16 @@ class Node:
                 proc.wait()
 
     def cut(self):
+        if self.cluster.fabric:
+            self.cluster.control(f"cut {self.number} 3600000")
+            return
         # An interface set down cannot come up again where it is a wire between two kernels.
         self._bearer("disable")
 
     def mend(self):
+        if self.cluster.fabric:
+            self.cluster.control(f"cut {self.number} 0")
+            return
         self._bearer("enable")
 
     def _bearer(self, verb):
