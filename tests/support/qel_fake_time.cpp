@@ -40,10 +40,16 @@ struct world {
     unsigned call_count[sys_count] = {};
     std::vector<fault> faults[sys_count];
     void (*at_exit)() = nullptr;
+    uint64_t changes = 0;
 };
 world &w() {
     static world &the = *new world;
     return the;
+}
+
+void note_change() {
+    w().changes++;
+    pthread_cond_broadcast(&w().changed);
 }
 
 struct guard {
@@ -62,7 +68,7 @@ void wake_one(waiter *v, int result) {
     if (v->counted)
         w().threads_blocked--;
     pthread_cond_signal(&v->cond);
-    pthread_cond_broadcast(&w().changed);
+    note_change();
 }
 
 void move_to(int64_t when) {
@@ -102,7 +108,7 @@ int block(const void *key, int64_t deadline, bool condition) {
     w().blocked++;
     if (v.counted)
         w().threads_blocked++;
-    pthread_cond_broadcast(&w().changed);
+    note_change();
     jump_if_all_blocked();
     while (!v.woken)
         pthread_cond_wait(&v.cond, &w().mutex);
@@ -183,7 +189,7 @@ struct start {
 void thread_ended(void *) {
     guard g;
     w().threads--;
-    pthread_cond_broadcast(&w().changed);
+    note_change();
     jump_if_all_blocked();
 }
 void *run_thread(void *p) {
@@ -266,13 +272,17 @@ timespec patience_end() {
     return t;
 }
 
-// Lock held.
+// Lock held. A condition may let go of the lock while it looks: what changes meanwhile must not be missed.
 bool wait_locked(const std::function<bool()> &condition) {
     const timespec end = patience_end();
-    while (!condition())
-        if (pthread_cond_clockwait(&w().changed, &w().mutex, CLOCK_MONOTONIC, &end) == ETIMEDOUT)
-            return condition();
-    return true;
+    for (;;) {
+        const uint64_t seen = w().changes;
+        if (condition())
+            return true;
+        while (seen == w().changes)
+            if (pthread_cond_clockwait(&w().changed, &w().mutex, CLOCK_MONOTONIC, &end) == ETIMEDOUT)
+                return condition();
+    }
 }
 
 bool all_blocked() { return w().threads_blocked + (t_counted ? 1 : 0) >= w().threads; }
@@ -344,7 +354,7 @@ enrolled::~enrolled() {
     guard g;
     t_counted = false;
     w().threads--;
-    pthread_cond_broadcast(&w().changed);
+    note_change();
     jump_if_all_blocked();
 }
 
@@ -415,6 +425,6 @@ void wake(const void *key) {
             wake_one(v, 0);
 }
 int64_t now_ns() { return w().now; }
-void changed() { pthread_cond_broadcast(&w().changed); }
+void changed() { note_change(); }
 
 } // namespace qel_time
