@@ -22,7 +22,9 @@
 
 #include "qel_base.h"
 
-struct alignas(64) qel_lq_state {
+// Fills a cache line; aligned to one only where it is shared: copies of it lie on stacks, which gcc 12 does
+// not align that far under AddressSanitizer.
+struct qel_lq_state {
     uint64_t tail;
     uint64_t cost;       // of everything ever put in
     uint64_t freed_seen; // the reader's count when a writer last looked; behind it, never ahead
@@ -32,6 +34,7 @@ struct alignas(64) qel_lq_state {
     uint32_t fresh;                      // blocks from here on were never used
     uint32_t spare;                      // entries of the stack
     uint32_t peak;                       // blocks lately in use at most, times 256, slowly falling
+    uint64_t unused;
 };
 
 // Each group of fields on cache lines of its own, two lines apart (processors fetch them in pairs).
