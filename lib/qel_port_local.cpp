@@ -253,7 +253,9 @@ static int local_setsockopt(int fd, int level, int option, const void *value, so
         return fail(ENOPROTOOPT);
     }
     bytes = bytes > INT32_MAX / 2 ? INT32_MAX / 2 * 2 : bytes * 2;
-    qel_lq_set_rcvbuf(s->target->q, bytes < 2304 ? 2304 : bytes);
+    bytes = bytes < 2304 ? 2304 : bytes;
+    s->rcvbuf.store(bytes, std::memory_order_relaxed);
+    qel_lq_set_rcvbuf(s->target->q, bytes);
     return 0;
 }
 
@@ -270,7 +272,7 @@ static int local_getsockopt(int fd, int level, int option, void *value, socklen_
             number = SOCK_RDM;
             break;
         case SO_RCVBUF:
-            number = static_cast<int32_t>(qel_lq_rcvbuf(s->target->q));
+            number = static_cast<int32_t>(s->rcvbuf.load(std::memory_order_relaxed));
             break;
         case SO_ERROR:
             break;
@@ -483,7 +485,7 @@ static ssize_t take_record(qel_local_socket &s, const qel_lq_meta &meta, msghdr 
     if (good && !(flags & MSG_PEEK))
         good = qel_lq_consume(q, r, meta);
     if (!good) {
-        qel_lq_restart(q, r);
+        qel_lq_restart(q, r, s.rcvbuf.load(std::memory_order_relaxed));
         return fail(EIO);
     }
     if (msg.msg_name) {
@@ -526,14 +528,14 @@ static ssize_t receive_datagram(qel_local_socket &s, msghdr &msg, int flags) {
         case qel_lq_get::record:
             if (meta.size == 0 && meta.code == 0) { // the kernel throws these away here
                 if (!qel_lq_consume(s.target->q, s.reader, meta)) {
-                    qel_lq_restart(s.target->q, s.reader);
+                    qel_lq_restart(s.target->q, s.reader, s.rcvbuf.load(std::memory_order_relaxed));
                     return fail(EIO);
                 }
                 continue;
             }
             return take_record(s, meta, msg, room, flags);
         case qel_lq_get::broken:
-            qel_lq_restart(s.target->q, s.reader);
+            qel_lq_restart(s.target->q, s.reader, s.rcvbuf.load(std::memory_order_relaxed));
             return fail(EIO);
         case qel_lq_get::empty:
             if (!wait)

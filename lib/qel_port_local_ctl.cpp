@@ -383,7 +383,7 @@ int qel_local_enroll(qel_local_socket &s) noexcept {
         return ENFILE;
     if (qel_lq_map_file(t->q, s.queue_fd) != 0)
         return errno;
-    qel_lq_init(t->q, 2u << 20); // the kernel's default
+    qel_lq_init(t->q, s.rcvbuf.load(std::memory_order_relaxed));
     error = enroll_socket(s);
     if (error) {
         qel_lq_unmap(t->q);

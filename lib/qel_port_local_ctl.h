@@ -53,6 +53,7 @@ struct qel_local_socket {
     qel_local_target *target = nullptr;
     qel_list<qel_local_name, offsetof(qel_local_name, link)> names; // guarded by the control mutex
     std::atomic<int32_t> importance{0};
+    std::atomic<uint64_t> rcvbuf{2u << 20}; // the kernel's default
     std::atomic<bool> src_droppable{false}, dest_droppable{true}, nonblocking{false};
     sockaddr_tipc peer{}; // of connect(); family 0: none
 

@@ -519,7 +519,6 @@ bool qel_lq_is_closed(const qel_lq &q) noexcept {
 void qel_lq_set_rcvbuf(const qel_lq &q, uint64_t bytes) noexcept {
     q.shared->rcvbuf.store(bytes, std::memory_order_relaxed);
 }
-uint64_t qel_lq_rcvbuf(const qel_lq &q) noexcept { return q.shared->rcvbuf.load(std::memory_order_relaxed); }
 
 // ---- reading -------------------------------------------------------------------------------------------
 
@@ -591,7 +590,7 @@ bool qel_lq_consume(const qel_lq &q, qel_lq_reader &r, const qel_lq_meta &meta) 
     return true;
 }
 
-void qel_lq_restart(const qel_lq &q, qel_lq_reader &r) noexcept {
+void qel_lq_restart(const qel_lq &q, qel_lq_reader &r, uint64_t rcvbuf_bytes) noexcept {
     // The lock word may be part of the damage. A living writer that is pushed aside here can damage the
     // queue again; it is then found and started anew again.
     const bool locked = lock_queue(q, qel_lq_patience::bounded);
@@ -613,6 +612,8 @@ void qel_lq_restart(const qel_lq &q, qel_lq_reader &r) noexcept {
     shared.freed.store(r.freed, std::memory_order_relaxed);
     shared.head.store(r.head, std::memory_order_release);
     shared.tail.store(r.head, std::memory_order_seq_cst);
+    shared.rcvbuf.store(rcvbuf_bytes, std::memory_order_relaxed);
+    shared.closed.store(0, std::memory_order_relaxed); // its owner, who is here, has not closed it
     shared.broken.store(0, std::memory_order_relaxed);
     unlock_queue(q);
 }

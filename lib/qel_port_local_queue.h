@@ -94,7 +94,6 @@ bool qel_lq_close(const qel_lq &q, qel_lq_patience patience) noexcept;
 void qel_lq_close_by_force(const qel_lq &q) noexcept;
 bool qel_lq_is_closed(const qel_lq &q) noexcept;
 void qel_lq_set_rcvbuf(const qel_lq &q, uint64_t bytes) noexcept; // the owner
-uint64_t qel_lq_rcvbuf(const qel_lq &q) noexcept;
 
 // ---- reading (one thread at a time) --------------------------------------------------------------------
 
@@ -117,8 +116,9 @@ bool qel_lq_copy(const qel_lq &q, const qel_lq_reader &r, const iovec *iov, size
                  size_t bytes) noexcept;
 // Takes the record away. False: broken.
 bool qel_lq_consume(const qel_lq &q, qel_lq_reader &r, const qel_lq_meta &meta) noexcept;
-// The owner of a broken queue starts it anew and loses what is in it.
-void qel_lq_restart(const qel_lq &q, qel_lq_reader &r) noexcept;
+// The owner of a broken queue starts it anew and loses what is in it. The base of the limit is part of what
+// may be damaged, so it is given again.
+void qel_lq_restart(const qel_lq &q, qel_lq_reader &r, uint64_t rcvbuf_bytes) noexcept;
 
 // Between the two the reader sleeps. Look at qel_lq_readable() again after the first.
 void qel_lq_sleep_begin(const qel_lq &q, qel_lq_reader &r) noexcept;
