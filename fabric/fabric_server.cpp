@@ -33,7 +33,7 @@ uint64_t monotonic_ns() {
 }
 uint32_t node_address(uint32_t number) { return 0x01001000u + (number & 0xFFF); }
 
-// ---- timers --------------------------------------------------------------------------------------------
+// ---- timers ---------------------------------------------------------------------------------------------
 
 uint64_t server::timer_at(uint64_t due_ns, clock_fun fun) {
     const uint64_t id = next_timer_++;
@@ -64,7 +64,7 @@ int server::wait_ms() const {
     return ms > 60'000 ? 60'000 : static_cast<int>(ms);
 }
 
-// ---- the page ------------------------------------------------------------------------------------------
+// ---- the page -------------------------------------------------------------------------------------------
 
 // Writable here through a mapping made before the seal; nobody else gets a writable one.
 bool server::make_page() {
@@ -95,7 +95,7 @@ void server::bump_all() {
         gen.fetch_add(1, std::memory_order_release);
 }
 
-// ---- start and loop ------------------------------------------------------------------------------------
+// ---- start and loop -------------------------------------------------------------------------------------
 
 server::server() : names_([this](subscription &s, const tipc_event &e) { on_event(s, e); }) {
     uint32_t start = 0;
@@ -175,7 +175,7 @@ void server::run(int signal_fd) {
     }
 }
 
-// ---- connections ---------------------------------------------------------------------------------------
+// ---- connections ----------------------------------------------------------------------------------------
 
 void server::accept_all() {
     for (int i = 0; i < 64; i++) {
@@ -320,7 +320,7 @@ void server::take_down(connection &c) {
         close_endpoint(*endpoints_[ref], false, 0);
 }
 
-// ---- requests of processes -----------------------------------------------------------------------------
+// ---- requests of processes ------------------------------------------------------------------------------
 
 endpoint *server::endpoint_of(connection &c, uint32_t ref) {
     const auto at = endpoints_.find(ref);
@@ -520,7 +520,7 @@ int server::locate(connection &c, const qel_fabric_request &q, qel_fabric_reply 
     return 0;
 }
 
-// ---- the end of a socket -------------------------------------------------------------------------------
+// ---- the end of a socket --------------------------------------------------------------------------------
 
 void server::close_endpoint(endpoint &e, bool asked, uint32_t request_number) {
     if (e.closing) {
@@ -690,7 +690,7 @@ void server::node_down(uint32_t node) {
     }
 }
 
-// ---- topology ------------------------------------------------------------------------------------------
+// ---- topology -------------------------------------------------------------------------------------------
 
 static std::string bytes_of(const tipc_subscr &record) {
     return {reinterpret_cast<const char *>(&record), sizeof record};
@@ -807,7 +807,7 @@ void server::drop_topology() {
     page_->event_count.fetch_add(1, std::memory_order_release);
 }
 
-// ---- control -------------------------------------------------------------------------------------------
+// ---- control --------------------------------------------------------------------------------------------
 
 // The empty text at the end closes the connection.
 void server::flush_text(connection &c) {

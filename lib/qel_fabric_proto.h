@@ -96,7 +96,7 @@ inline bool qel_fabric_decode(std::span<const std::byte> in, qel_fabric_reply &o
            out.count <= qel_fabric_targets_max && out.zero == 0;
 }
 
-// ---- the fabric page: written by the fabric, read by everybody -----------------------------------------
+// ---- the fabric page: written by the fabric, read by everybody ------------------------------------------
 
 constexpr uint32_t qel_fabric_gens = 1024;
 
@@ -118,7 +118,7 @@ inline uint32_t qel_fabric_gen_index(uint32_t type, uint32_t instance) noexcept 
 static_assert(qel_fabric_gens == 1024, "the index has ten bits");
 constexpr uint32_t qel_fabric_gen_type_port = 0xFFFFFFFF;
 
-// ---- what both ends share ------------------------------------------------------------------------------
+// ---- what both ends share -------------------------------------------------------------------------------
 
 constexpr size_t qel_fabric_dir_max = 4096;
 

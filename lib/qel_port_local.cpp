@@ -66,7 +66,7 @@ static uint64_t now_ms() {
     return static_cast<uint64_t>(t.tv_sec) * 1000 + static_cast<uint64_t>(t.tv_nsec) / 1'000'000;
 }
 
-// ---- socket, close -------------------------------------------------------------------------------------
+// ---- socket, close --------------------------------------------------------------------------------------
 
 static int local_socket(int domain, int type, int protocol) {
     const int kind = type & ~(SOCK_CLOEXEC | SOCK_NONBLOCK);
@@ -118,7 +118,7 @@ static int local_close(int fd) {
     return ::close(fd);
 }
 
-// ---- addresses -----------------------------------------------------------------------------------------
+// ---- addresses ------------------------------------------------------------------------------------------
 
 // As the kernel judges one.
 static bool read_address(const sockaddr *addr, socklen_t len, sockaddr_tipc &out) {
@@ -205,7 +205,7 @@ static int local_connect(int fd, const sockaddr *addr, socklen_t len) {
     return 0;
 }
 
-// ---- options -------------------------------------------------------------------------------------------
+// ---- options --------------------------------------------------------------------------------------------
 
 static int local_setsockopt(int fd, int level, int option, const void *value, socklen_t len) {
     qel_local_socket *s = socket_or_errno(fd);
@@ -302,7 +302,7 @@ static int local_getsockopt(int fd, int level, int option, void *value, socklen_
     return 0;
 }
 
-// ---- sending -------------------------------------------------------------------------------------------
+// ---- sending --------------------------------------------------------------------------------------------
 
 static bool lose_this_return() {
     const uint32_t every = qel_local_page()->lose_return.load(std::memory_order_relaxed);
@@ -437,7 +437,7 @@ static ssize_t local_send(int fd, const void *data, size_t len, int flags) {
     return sent;
 }
 
-// ---- receiving -----------------------------------------------------------------------------------------
+// ---- receiving ------------------------------------------------------------------------------------------
 
 // One control record, cut and flagged as the kernel's put_cmsg does it.
 static void put_control(msghdr &msg, size_t &used, int type, const void *data, size_t bytes) {
@@ -604,7 +604,7 @@ static ssize_t local_recv(int fd, void *data, size_t len, int flags) {
     return local_recvmsg(fd, &msg, flags);
 }
 
-// ---- poll ----------------------------------------------------------------------------------------------
+// ---- poll -----------------------------------------------------------------------------------------------
 
 static short queue_events(qel_local_socket &s, short wanted) {
     short events = static_cast<short>(wanted & (POLLOUT | POLLWRNORM));
@@ -807,7 +807,7 @@ static int local_poll(pollfd *fds, nfds_t count, int timeout_ms) {
     return poll_sleeping(fds, count, timeout_ms);
 }
 
-// ---- the rest ------------------------------------------------------------------------------------------
+// ---- the rest -------------------------------------------------------------------------------------------
 
 static int local_shutdown(int fd, int how) {
     qel_local_socket *s = socket_or_errno(fd);

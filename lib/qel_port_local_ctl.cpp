@@ -25,7 +25,7 @@ constexpr uint32_t target_chunks = 64; // 4,096 targets
 constexpr uint32_t cache_sets = 512;
 constexpr uint32_t cache_ways = 4;
 
-// ---- state ---------------------------------------------------------------------------------------------
+// ---- state ----------------------------------------------------------------------------------------------
 
 struct ctl_state {
     int fd = -1;
@@ -85,7 +85,7 @@ uint32_t qel_local_node() noexcept {
     return my_node();
 }
 
-// ---- targets -------------------------------------------------------------------------------------------
+// ---- targets --------------------------------------------------------------------------------------------
 
 static qel_local_target *target_at(uint32_t index) {
     return g_chunks[index / targets_per_chunk].load(std::memory_order_acquire) + index % targets_per_chunk;
@@ -190,7 +190,7 @@ void qel_local_target_wake(qel_local_target &t) noexcept {
     t.woken.store(number, std::memory_order_relaxed);
 }
 
-// ---- the connection ------------------------------------------------------------------------------------
+// ---- the connection -------------------------------------------------------------------------------------
 
 static void disconnect() QEL_REQUIRES(g_ctl_mutex) {
     g_ctl_fd.store(-1, std::memory_order_relaxed);
@@ -371,7 +371,7 @@ void qel_local_check_connection() noexcept {
     (void)connect_locked(false);
 }
 
-// ---- sockets and their names ---------------------------------------------------------------------------
+// ---- sockets and their names ----------------------------------------------------------------------------
 
 int qel_local_enroll(qel_local_socket &s) noexcept {
     qel_lock lock(g_ctl_mutex);
@@ -466,7 +466,7 @@ int qel_local_unbind(qel_local_socket &s, uint32_t type, uint32_t lower, uint32_
     return error == EPIPE ? 0 : error; // without a fabric the name is not published any more
 }
 
-// ---- names ---------------------------------------------------------------------------------------------
+// ---- names ----------------------------------------------------------------------------------------------
 
 static uint32_t cache_hash(uint32_t type, uint32_t instance, uint32_t domain) {
     const uint64_t key = (static_cast<uint64_t>(type ^ domain << 7) << 32 | instance) * 0x9E3779B97F4A7C15u;

@@ -71,7 +71,7 @@ static uint32_t check_of(uint64_t position) {
     return static_cast<uint32_t>(position / qel_lq_unit_bytes) ^ 0x9E5C71A3;
 }
 
-// ---- records -------------------------------------------------------------------------------------------
+// ---- records --------------------------------------------------------------------------------------------
 
 // Measured on the kernel: a buffer is a power of two, at least 1 KiB, that holds the data and some 400 bytes
 // of heads, plus 256 bytes for its descriptor.
@@ -124,7 +124,7 @@ static qel_lq_header header_of(const qel_lq_meta &meta, uint64_t position) {
     };
 }
 
-// ---- the memory ----------------------------------------------------------------------------------------
+// ---- the memory -----------------------------------------------------------------------------------------
 
 static size_t table_bytes(uint32_t block_count) {
     return (static_cast<size_t>(block_count) * 4 + 4095) / 4096 * 4096;
@@ -190,7 +190,7 @@ void qel_lq_unmap(qel_lq &q) noexcept {
     q = qel_lq{};
 }
 
-// ---- the lock ------------------------------------------------------------------------------------------
+// ---- the lock -------------------------------------------------------------------------------------------
 
 // Start time of thread @tid in clock ticks, modulo 2^32, from /proc/<tid>/stat. False: it runs no more.
 static bool thread_start(uint32_t tid, uint32_t &start) {
@@ -226,8 +226,14 @@ static bool thread_start(uint32_t tid, uint32_t &start) {
 
 static thread_local uint64_t t_self __attribute__((tls_model("initial-exec")));
 
+// A forked child is another thread under the same variable.
+static void forget_self() { t_self = 0; }
+static void watch_forks() { (void)pthread_atfork(nullptr, nullptr, forget_self); }
+static pthread_once_t g_fork_once = PTHREAD_ONCE_INIT;
+
 static uint64_t lock_word_of_self() {
     if (__builtin_expect(t_self == 0, 0)) {
+        (void)pthread_once(&g_fork_once, watch_forks);
         const auto tid = static_cast<uint32_t>(syscall(SYS_gettid));
         uint32_t start = 0;
         (void)thread_start(tid, start);
@@ -329,7 +335,7 @@ static void unlock_queue(const qel_lq &q) {
 
 void qel_lq_lock_for_test(const qel_lq &q) noexcept { (void)lock_queue(q, qel_lq_patience::bounded); }
 
-// ---- writing -------------------------------------------------------------------------------------------
+// ---- writing --------------------------------------------------------------------------------------------
 
 // Judges a private copy of the state.
 static bool state_is_sane(const qel_lq &q, const qel_lq_state &s) {
@@ -520,7 +526,7 @@ void qel_lq_set_rcvbuf(const qel_lq &q, uint64_t bytes) noexcept {
     q.shared->rcvbuf.store(bytes, std::memory_order_relaxed);
 }
 
-// ---- reading -------------------------------------------------------------------------------------------
+// ---- reading --------------------------------------------------------------------------------------------
 
 bool qel_lq_readable(const qel_lq &q, qel_lq_reader &r) noexcept {
     if (r.head != r.tail)

@@ -71,7 +71,7 @@ int qel_lq_create_file() noexcept;
 int qel_lq_map_file(qel_lq &q, int fd) noexcept;
 void qel_lq_unmap(qel_lq &q) noexcept;
 
-// ---- writing (any thread of any process) ------------------------------------------------------------------
+// ---- writing (any thread of any process) ----------------------------------------------------------------
 
 enum class qel_lq_put {
     ok,
@@ -95,7 +95,7 @@ void qel_lq_close_by_force(const qel_lq &q) noexcept;
 bool qel_lq_is_closed(const qel_lq &q) noexcept;
 void qel_lq_set_rcvbuf(const qel_lq &q, uint64_t bytes) noexcept; // the owner
 
-// ---- reading (one thread at a time) --------------------------------------------------------------------
+// ---- reading (one thread at a time) ---------------------------------------------------------------------
 
 struct qel_lq_reader {
     uint64_t head = 0;  // position of the next record
@@ -129,7 +129,7 @@ void qel_lq_trim(const qel_lq &q) noexcept;
 // Places a reader where the dead owner stood, from what it had published. False: broken.
 bool qel_lq_reader_of_dead(const qel_lq &q, qel_lq_reader &r) noexcept;
 
-// ---- for tests -----------------------------------------------------------------------------------------
+// ---- for tests ------------------------------------------------------------------------------------------
 
 // Blocks ever used, blocks retired.
 struct qel_lq_usage {
