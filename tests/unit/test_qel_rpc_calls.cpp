@@ -886,7 +886,7 @@ TEST_F(rpc_reply, a_missing_reply_answers_with_status_4) {
     qel_set_masks();
     EXPECT_EQ(qel_rpc_reply(r.msg.get(), nullptr, 0), 0);
     EXPECT_EQ(out.take(), UP(V, "QEL user rpc reply, src_msg %p, reply_msg %p, flags 0x0.\n",
-                             static_cast<void *>(r.msg.get()), nullptr) +
+                             static_cast<void *>(r.msg.get()), static_cast<void *>(nullptr)) +
                               RPC(V, "QEL app 5 reply to 7/2 seq 4711 status: systerm error.\n") +
                               MSG(V, "QEL app 5 sent to 7/2, msg len 36.\n"));
     qel_set_masks(0);
