@@ -350,7 +350,7 @@ class Cluster:
 
     def interface(self):
         if self.backend == "local":
-            raise NodeError("the local back end cannot cut a node off")
+            raise NodeError("the local back end has no interfaces")
         return "eth0" if self.backend == "netns" else "vec0"
 
     # ---- events
