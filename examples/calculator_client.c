@@ -33,6 +33,8 @@ int main(int argc, char **argv) {
     qel_msg *request = qel_msg_alloc(len, CALCULATOR_PROTOCOL, 0);
     memcpy(qel_msg_data(request), argv[2], (size_t)len);
 
+    if (node == QEL_ANY_NODE)
+        usleep(2000000); /* a call goes to those who are known; time for all of them to get known */
     /* Right after qel_run() nobody is known: -ENOENT until a calculator has joined. */
     qel_reply_set replies;
     int waits = 0;
