@@ -486,10 +486,8 @@ struct qel_cli_loop : qel_cli {
         int in[2], out[2];
         EXPECT_EQ(pipe(in), 0);
         EXPECT_EQ(pipe(out), 0);
-        std::thread writer([&in, &input] {
-            EXPECT_EQ(write(in[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
-            close(in[1]);
-        });
+        EXPECT_EQ(write(in[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
+        close(in[1]);
         fflush(stdout);
         const int fork_error = g_fork_error.exchange(0);
         const pid_t child = ::fork();
@@ -497,7 +495,6 @@ struct qel_cli_loop : qel_cli {
             g_fork_error = fork_error;
             dup2(in[0], STDIN_FILENO);
             dup2(out[1], STDOUT_FILENO);
-            close(in[1]); // the writer's copy
             exit(qeld_cli_init() == -1 ? 99 : 98);
         }
         close(in[0]);
@@ -508,7 +505,6 @@ struct qel_cli_loop : qel_cli {
         while ((len = read(out[0], part, sizeof part)) > 0)
             all.append(part, static_cast<size_t>(len));
         close(out[0]);
-        writer.join();
         int status = -1;
         EXPECT_EQ(waitpid(child, &status, 0), child);
         if (printed)

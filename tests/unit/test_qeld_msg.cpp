@@ -3,6 +3,7 @@
 #include "qel_user_proxy.h"
 #include "qeld_world.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <thread>
 
@@ -265,7 +266,7 @@ TEST_F(qeld_msg, every_prefix_and_flipped_byte_of_a_section_is_survived) {
         msg->hdr.src_node = 3;
         msg->hdr.dst_app = 1;
         msg->hdr.flags = QEL_FLAG_MNG | QEL_FLAG_REQUEST;
-        memcpy(qel_msg_data(msg), data.data(), data.size());
+        std::copy(data.begin(), data.end(), static_cast<uint8_t *>(qel_msg_data(msg)));
         qeld_msg_dispatch(msg);
     };
     for (size_t len = 0; len <= whole.size(); len++)

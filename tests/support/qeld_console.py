@@ -1,0 +1,133 @@
+"""The daemon and its console, for system tests.
+
+    class Something(DaemonTest):
+        def test_a_thing_holds(self):
+            console = self.daemon(1)                    # on node 1, listed by itself: it serves
+            self.assertEqual(console.command("show debug"), ["QEL debug status:", ...])
+
+`/bin/stty sane` turns the echo of the terminal on, so each line comes back before its answer.
+"""
+import os
+import re
+import time
+
+from qel_agents import BUILD, NodeError, SystemTest
+
+QELD = os.environ.get("QELD_BIN", os.path.join(BUILD, "qeld"))
+PROMPT = "(qel)"
+UNKNOWN = "% Unrecognized command."
+USAGE = """Usage:\x20
+       qeld [options]
+\x20\x20
+  valid options:
+  -pt                      Enable QEL performance testing functionality
+  -help                    This usage list
+"""
+HELP = """\x20\x20
+  The command should match exactly to one list below, and the operation affect only on the local node
+\x20\x20
+  valid commands                       description
+  show qel status                      Show QEL overall status
+  show qel app <id> stat               Show local QEL app statistics
+  show qel app <id>/<node> stat        Show the specific app/node statistics
+  show debug                           Show all QEL app debug info
+  debug all                            Turn on all QEL app's debug
+  no debug all                         Turn off all QEL app's debug
+  debug qel app <id> <level>           Turn on the specific app debug, argument level should be\x20
+                                       one of 'verbose info warn error all'
+  no debug qel app <id> <level>        Turn off the specific app debug, argument level should be\x20
+                                       one of 'verbose info warn error all'
+  qel performance test                 Test performance of message sending and RPC
+                                       please don't do other operation while testing
+  quit                                 Quit the app qeld
+  help                                 This usage list
+\x20\x20
+"""
+
+
+class Console:
+    def __init__(self, node, *options, env=None):
+        self.node = node
+        self.proc = node.spawn([QELD, *options], env=env, pty=True)
+        self.read = 0  # characters of the output that are behind us
+
+    def since(self):
+        return self.proc.output[self.read:].replace("\r\n", "\n")
+
+    def until_prompt(self, timeout=10):
+        """The output up to the next prompt at its end."""
+        deadline = time.monotonic() + timeout
+        proc = self.proc
+        with proc.changed:
+            while not proc.text[self.read:].endswith(PROMPT):
+                left = deadline - time.monotonic()
+                if proc.status is not None or left <= 0:
+                    raise NodeError(f"{proc}: no prompt, status {proc.status}: {proc.text[self.read:]!r}")
+                proc.changed.wait(left)
+            text = self.since()
+            self.read = len(proc.text)
+        return text[:-len(PROMPT)]
+
+    def say(self, line, timeout=10):
+        """What a line makes it print, to the byte, without lines of the log."""
+        self.proc.send(line)
+        text = re.sub(r"<\w+, \d+> \d: [^\n]*\n", "", self.until_prompt(timeout))
+        assert text.startswith(line + "\n"), (line, text)  # the echo
+        return text[len(line) + 1:]
+
+    def command(self, line, timeout=10):
+        """The same as a list of lines."""
+        return self.say(line, timeout).split("\n")[:-1]
+
+    def end(self, timeout=10):
+        """Waits for its end: its status and what it printed last."""
+        status = self.proc.wait(timeout)
+        return status, self.since()
+
+    def processes(self):
+        """{pid: [applications]} as "show qel status" tells it."""
+        found, pid = {}, None
+        for line in self.command("show qel status"):
+            if match := re.fullmatch(r"  Process (-?\d+):", line):
+                pid = int(match[1])
+            elif match := re.fullmatch(r"    Applications:((?: \d+)+)\.", line):
+                found[pid] = [int(word) for word in match[1].split()]
+        return found
+
+    def applications(self):
+        """All applications but the daemon's own, ascending."""
+        return sorted(app for apps in self.processes().values() for app in apps if app != 1)
+
+    def log(self):
+        """Lines of its log so far: (file, level, text)."""
+        pattern = re.compile(r"<(\w+), \d+> (\d): (.*)")
+        lines = self.proc.output.replace("\r\n", "\n").split("\n")
+        return [(m[1], int(m[2]), m[3]) for m in map(pattern.search, lines) if m]
+
+
+class DaemonTest(SystemTest):
+    nodes = 1
+
+    def console(self, node, *options, env=None):
+        """A daemon whose console has come up."""
+        console = Console(self.node(node), *options, env=env)
+        console.until_prompt()
+        return console
+
+    def daemon(self, node, *options):
+        """One that has found itself, a few seconds later."""
+        console = self.console(node, *options)
+        self.eventually(lambda: console.proc.pid in console.processes() or self.listed_alone(console),
+                        "the daemon lists itself", every=0.2)
+        return console
+
+    @staticmethod
+    def listed_alone(console):
+        # in a kernel of its own a process has another number
+        return any(1 in apps for apps in console.processes().values())
+
+    def lists(self, console, apps, timeout=10):
+        """Waits until the daemon knows exactly these applications beside itself."""
+        apps = sorted(apps)
+        self.eventually(lambda: console.applications() == apps, f"the applications {apps} are listed",
+                        timeout, every=0.1)
