@@ -681,6 +681,31 @@ TEST_F(app_info, the_print_of_a_bare_application_shows_no_thread_no_callback_and
 
 TEST_F(app_info, the_print_of_an_application_that_is_not_here_is_empty) { EXPECT_EQ(print(6), ""); }
 
+TEST_F(app_info, a_printed_text_answers_a_request_and_carries_version_0_and_protocol_version_0) {
+    start(two_versions);
+    qel_msg *request = qel_msg_alloc(0, 1, 0);
+    qel_encode_msg_hdr(request, QEL_FLAG_REQUEST | QEL_FLAG_MNG, 7, 2, 5, 1, 99, 0);
+    {
+        qel_lock lock(g_print_mutex);
+        qel_buf_printf_reset();
+        qel_buf_printf("all is well\n");
+        EXPECT_EQ(qel_buf_printf_reply(request), 0);
+    }
+    free(request);
+    const auto sent = qel_fake::take_sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].app(), 7u);
+    EXPECT_EQ(sent[0].node(), 2u);
+    const qel_seen s = unwire(sent[0].data);
+    EXPECT_EQ(s.hdr.version, 0);
+    EXPECT_EQ(s.hdr.app_ver, 0u);
+    EXPECT_EQ(s.hdr.flags, 0x0E);
+    EXPECT_EQ(s.hdr.seq, 99u);
+    EXPECT_EQ(s.hdr.rpc_status, 0u);
+    EXPECT_EQ(s.hdr.len, 36u + 13);
+    EXPECT_EQ(s.data, to_bytes(std::string("all is well\n") + '\0'));
+}
+
 // ---- records made and undone by hand ---------------------------------------------------------------------
 
 TEST_F(app_info, a_record_can_be_made_and_undone_without_the_library) {

@@ -24,7 +24,7 @@ extern "C" {
 void *libc_calloc(size_t count, size_t size) __asm__("__libc_calloc");
 void *sanitizer_calloc(size_t count, size_t size) __asm__("__interceptor_calloc") __attribute__((weak));
 // The sanitizer's own threads call it before the sanitizer knows them, so it must not watch this function.
-[[gnu::no_sanitize("thread")]] void *calloc(size_t count, size_t size) noexcept {
+__attribute__((no_sanitize("thread"))) void *calloc(size_t count, size_t size) noexcept {
     if (t_may_lack_memory && g_no_memory.load())
         return nullptr;
     return sanitizer_calloc ? sanitizer_calloc(count, size) : libc_calloc(count, size);

@@ -28,6 +28,13 @@ TEST(port_choice, by_name_it_is_the_kernels) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+TEST(port_choice, by_name_it_is_the_local_one) {
+    setenv("QEL_TRANSPORT", "local", 1);
+    testing::internal::CaptureStderr();
+    EXPECT_STREQ(qel_port_get().name, "local");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST(port_choice, the_first_use_decides) {
     setenv("QEL_TRANSPORT", "kernel", 1);
     const qel_port *first = &qel_port_get();
