@@ -7,6 +7,7 @@
 #include "qel_capture.h"
 #include "qel_flow_ctrl.h"
 #include "qel_mng.h"
+#include "qel_mng_msg.h"
 #include "qel_world.h"
 
 using namespace std::chrono_literals;
@@ -207,6 +208,51 @@ TEST_F(send, a_length_that_no_message_can_have_is_refused_unsent) {
         EXPECT_EQ(msg->hdr.len, len);
     }
     EXPECT_TRUE(qel_fake::calls(op::sendto).empty());
+}
+
+// The first two data words of status 1 travel in network order, those of every other status as they are.
+TEST_F(send, only_status_1_converts_two_data_words_and_converts_them_back) {
+    start({{7, 2}});
+    for (const uint32_t status : {0u, 1u, 2u, 3u, 4u, 5u})
+        for (const int32_t len : {0, 3, 4, 7, 8, 12}) {
+            SCOPED_TRACE(qel_format("status %u, %d bytes", status, len));
+            qel_msg *m = qel_msg_alloc(len, 1, 0);
+            const uint32_t words[3] = {0x01020304, 0x05060708, 0x090A0B0C};
+            memcpy(qel_msg_data(m), words, static_cast<size_t>(len));
+            qel_encode_msg_hdr(m, QEL_FLAG_REQUEST | QEL_FLAG_ACK, 5, 1, 7, 2, 1, status);
+            EXPECT_EQ(qel_tipc_sendto(5, m, 7, 2, 0), 0);
+            EXPECT_EQ(memcmp(qel_msg_data(m), words, static_cast<size_t>(len)), 0) << "the sender's own";
+            const auto sent = qel_fake::take_sent();
+            ASSERT_EQ(sent.size(), 1u);
+            qel_fake::bytes expected(static_cast<size_t>(len));
+            memcpy(expected.data(), words, static_cast<size_t>(len));
+            for (size_t i = 0; i < 2 && status == 1; i++)
+                if (len >= static_cast<int32_t>(4 * i + 4))
+                    qel_store_be32(&expected[4 * i], words[i]);
+            EXPECT_EQ(unwire(sent[0].data).data, expected);
+            free(m);
+        }
+}
+
+TEST_F(send, a_received_message_of_status_1_has_its_first_two_words_in_host_order) {
+    start({{7, 2}});
+    for (const uint32_t status : {1u, 3u})
+        for (const size_t len : {size_t{0}, size_t{5}, size_t{8}, size_t{12}}) {
+            const qel_fake::bytes data = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+            deliver(5, wire({.src_app = 7, .src_node = 2, .dst_app = 5, .status = status},
+                            qel_fake::bytes(data.begin(), data.begin() + static_cast<ptrdiff_t>(len))));
+            ASSERT_TRUE(qel_fake::settle());
+            const kept k = got().back();
+            ASSERT_EQ(k.data.size(), len);
+            for (size_t i = 0; i < len / 4; i++) {
+                const bool converted = status == 1 && i < 2;
+                EXPECT_EQ(host32_at(k.data, 4 * i), converted ? be32_at(data, 4 * i) : host32_at(data, 4 * i))
+                    << status << " " << len << " " << i;
+            }
+            if (len % 4 != 0) {
+                EXPECT_EQ(k.data.back(), data[len - 1]) << "no whole word: left alone";
+            }
+        }
 }
 
 // ---- who gets it ----------------------------------------------------------------------------------------
