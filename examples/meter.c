@@ -87,6 +87,7 @@ int main(int argc, char **argv) {
         result = qel_run();
     if (result != 0) {
         fprintf(stderr, "meter: application %d cannot join the bus: %d\n", app, result);
+        free(msg);
         return 1;
     }
     int signal_number;

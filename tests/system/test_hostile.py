@@ -35,8 +35,12 @@ class Hostile(SystemTest):
         for sock in (self.peer.sock, self.stranger):
             self.assertEqual(self.raw.call("option", sock, DESTINATION_DROPPABLE, 1)[0], 0)
         self.pid = self.target.value("pid")
-        self.threads = self.target.call("threads")
+        self.threads = self.library_threads()
         self.resident = self.target.value("rss")
+
+    def library_threads(self):
+        names = self.target.call("threads")[1:]
+        return sorted(name for name in names if name.startswith(("qel_app", "qel_lib")))
 
     def check_alive(self, friend_lost=False):
         """The target is the process it was and serves, unless the attacker could take the friend down."""
@@ -49,7 +53,7 @@ class Hostile(SystemTest):
             calling = self.friend.rpcto(21, 1, 20, 500, 0, 30)
             self.assertEqual(calling[::2], (0, [Reply(1, 20, SUCCESS, "same")]))
         self.assertEqual(self.target.value("pid"), self.pid)
-        self.assertEqual(sorted(self.target.call("threads")[1:]), sorted(self.threads[1:]))
+        self.assertEqual(self.library_threads(), self.threads)
         growth = self.target.value("rss") - self.resident
         self.assertLess(growth, GROWTH_KB, "the process grows")
 
