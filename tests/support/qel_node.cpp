@@ -9,10 +9,11 @@
 namespace fs = std::filesystem;
 
 qel_node::qel_node() {
-    char name[] = "/tmp/qel.XXXXXX";
-    if (!mkdtemp(name))
+    // The child of a death test dies before it could tidy up: what it makes lies in its parent's directory.
+    const char *parent = GTEST_FLAG_GET(internal_run_death_test).empty() ? nullptr : getenv("QEL_ROOT");
+    dir = std::string(parent ? parent : "/tmp") + "/qel.XXXXXX";
+    if (!mkdtemp(dir.data()))
         abort();
-    dir = name;
     fs::create_directories(dir + "/etc");
     fs::create_directories(dir + "/tmp/addr");
     conf_path = dir + "/etc/qel.conf";
