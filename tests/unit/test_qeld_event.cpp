@@ -11,7 +11,9 @@ using std::chrono::seconds;
 
 // The platform's watchdog: who is registered, how often it was fed.
 static qel_mutex g_watchdog_mutex;
-static std::map<std::string, int> g_registered, g_fed;
+// Never destroyed: threads of the library and the daemon run on while the process ends.
+static std::map<std::string, int> &g_registered = *new std::map<std::string, int>;
+static std::map<std::string, int> &g_fed = *new std::map<std::string, int>;
 extern "C" {
 void watchdog_register(const char *name) {
     qel_lock lock(g_watchdog_mutex);
