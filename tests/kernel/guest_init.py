@@ -58,16 +58,20 @@ def copy_on_write(work):
     for d in ("/run/u", "/run/w"):
         os.mkdir(d)
     mount("overlay", ROOT, "overlay", "lowerdir=/,upperdir=/run/u,workdir=/run/w")
-    fixed = (("etc/qel.conf", "etc/qel.conf"), ("tmp/addr", "tmp/addr"), ("velt", "velt"))
-    for path, of_node in fixed:
-        path = f"{ROOT}/{path}"
-        if os.path.lexists(path):
-            command(f"rm -rf {path}")
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        os.symlink(f"/run/node/{of_node}", path)
+    lead_to_node_files(ROOT)
     with open(f"{work}/mounts") as f:
         for d in f.read().splitlines():
             mount("none", ROOT + d, "hostfs", d)
+
+
+def lead_to_node_files(root):
+    """The product's fixed paths lead to the files of the node on which a process runs."""
+    for path in ("etc/qel.conf", "tmp/addr", "velt"):
+        link = f"{root}/{path}"
+        if os.path.lexists(link):
+            command(f"rm -rf {link}")
+        os.makedirs(os.path.dirname(link), exist_ok=True)
+        os.symlink(f"/run/node/{path}", link)
 
 
 def make_nodes(count):
@@ -136,6 +140,12 @@ def start():
         raise OSError(f"the agent ended with status {os.waitstatus_to_exitcode(status)}")
 
 
+def power_off():
+    libc.sync()
+    libc.reboot(LINUX_REBOOT_CMD_POWER_OFF)
+    time.sleep(60)
+
+
 def main():
     try:
         start()
@@ -143,8 +153,7 @@ def main():
         with open(os.environ["FAILED"], "w") as f:
             f.write(f"{type(e).__name__}: {e}\n")
     finally:
-        libc.reboot(LINUX_REBOOT_CMD_POWER_OFF)
-        time.sleep(60)
+        power_off()
 
 
 if __name__ == "__main__":

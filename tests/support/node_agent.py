@@ -1,7 +1,8 @@
 """Runs commands on the nodes of one kernel for a test that sits outside it.
 
-Usage: node_agent.py [TTY]. Speaks lines of JSON over TTY (in a guest) or over its standard input and output
-(on the host), ends when the other side closes, and takes everything it has started with it.
+Usage: node_agent.py [TTY | --inside]. Speaks lines of JSON over TTY (in a guest) or over its standard input
+and output (on the host and --inside a guest), ends when the other side closes, and takes everything it has
+started with it.
 
 To the agent:
     {"op": "spawn", "id": 1, "node": 2, "argv": [...], "env": {...}, "cwd": "/", "pty": false, "merge": true}
@@ -34,7 +35,7 @@ import termios
 import tty
 
 CLONE_NEWNS, CLONE_NEWNET = 0x00020000, 0x40000000
-ROOT = "/run/r"  # of the agent in a guest
+ROOT = "/run/r"  # of the agent at a terminal of a guest
 MS_BIND, MS_REC, MS_SLAVE = 4096, 16384, 1 << 19
 PR_SET_CHILD_SUBREAPER = 36
 
@@ -52,7 +53,8 @@ class Namespaces:
     child made by vfork() is ten times faster here than one that forks the interpreter and steps over on its
     own."""
 
-    def __init__(self):
+    def __init__(self, root):
+        self.root = root  # None: that of the mount namespace
         self.home = self.open_own()
         self.mounts = {}  # node -> its mount namespace
 
@@ -60,11 +62,10 @@ class Namespaces:
     def open_own():
         return [os.open(f"/proc/self/ns/{kind}", os.O_RDONLY) for kind in ("net", "mnt")]
 
-    @staticmethod
-    def step(fd, kind):
+    def step(self, fd, kind):
         check(libc.setns(fd, kind), "setns")
-        if kind == CLONE_NEWNS:
-            os.chroot(ROOT)  # setns() led to the root of the namespace
+        if kind == CLONE_NEWNS and self.root:
+            os.chroot(self.root)  # setns() led to the root of the namespace
 
     def enter(self, node):
         netns = f"/run/netns/n{node}"
@@ -103,7 +104,7 @@ class Agent:
         self.input = b""
         self.poll = select.poll()
         self.by_fd = {}
-        self.namespaces = Namespaces() if guest else None
+        self.namespaces = Namespaces(ROOT if fd_in == fd_out else None) if guest else None
 
     def tell(self, **event):
         data = json.dumps(event, separators=(",", ":")).encode() + b"\n"
@@ -285,15 +286,15 @@ class Agent:
 
 
 def main():
-    guest = len(sys.argv) > 1
-    if guest:
+    inside = sys.argv[1:] == ["--inside"]
+    if len(sys.argv) > 1 and not inside:
         fd = os.open(sys.argv[1], os.O_RDWR | os.O_NOCTTY)
         tty.setraw(fd)
         agent = Agent(fd, fd, True)
     else:
         # The descriptors of the protocol must not reach the children.
         commands, events = (fcntl.fcntl(fd, fcntl.F_DUPFD_CLOEXEC, 10) for fd in (0, 1))
-        agent = Agent(commands, events, False)
+        agent = Agent(commands, events, inside)
         null = os.open("/dev/null", os.O_RDWR)
         os.dup2(null, 0)
         os.dup2(2, 1)

@@ -1,6 +1,7 @@
 #include "port_sock.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -28,9 +29,18 @@ sockaddr_tipc name_address(uint32_t type, uint32_t instance) {
 }
 
 bytes payload(uint32_t tag, size_t size) {
+    constexpr size_t block = 256;
+    static const std::array<uint8_t, 2 *block> ramp = [] {
+        std::array<uint8_t, 2 * block> r{};
+        for (size_t i = 0; i < r.size(); i++)
+            r[i] = static_cast<uint8_t>(i);
+        return r;
+    }();
     bytes data(size);
-    for (size_t i = 0; i < size; i++)
-        data[i] = i < 4 ? static_cast<uint8_t>(tag >> 8 * i) : static_cast<uint8_t>(i * 7 + tag + i / 256);
+    for (size_t at = 0; at < size; at += block) // each block begins elsewhere on the ramp
+        memcpy(data.data() + at, ramp.data() + (tag + at / block * 7) % block, std::min(block, size - at));
+    for (size_t i = 0; i < std::min<size_t>(4, size); i++)
+        data[i] = static_cast<uint8_t>(tag >> 8 * i);
     return data;
 }
 

@@ -21,6 +21,8 @@ The back end (argument, else the environment variable QEL_TEST_BACKEND, else "lo
     netns   a network namespace of one user-mode-linux kernel with real TIPC
     pair    a user-mode-linux kernel of its own with real TIPC over a real link (2 nodes; more in full mesh)
 
+A test that runs in a guest which has such nodes (kernel/vm.py) uses those for netns.
+
 A test needs no change between them. Commands, their arguments and their files are paths of this host in all
 three; in a kernel the host's file system is seen copy-on-write: what a process writes there is lost, and what
 the host changes there after the start may not be seen. Exchanged in both directions at any time are the files
@@ -59,6 +61,7 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "kernel"))
+import guest_init  # noqa: E402
 import uml  # noqa: E402
 
 AGENT = os.path.join(HERE, "node_agent.py")
@@ -286,9 +289,12 @@ class Cluster:
         self.broken = None
         self.closing = False
         self.kernels = self.agent = self.fabric = self.guard = None
-        self.work = tempfile.mkdtemp(prefix="qn-")
+        self.inside = self.backend == "netns" and os.path.exists("/run/netns/n1")
+        self.work = "/run/q" if self.inside else tempfile.mkdtemp(prefix="qn-")
         try:
-            if self.backend == "local":
+            if self.inside:
+                self._start_inside(nodes)
+            elif self.backend == "local":
                 self.guard = uml.Guard(self.work)
                 self._start_local(nodes)
             else:
@@ -311,8 +317,23 @@ class Cluster:
             uml.make_node_files(self.work, n)
         self.fabric_dir = os.path.join(self.work, "fabric")
         self.start_fabric()
-        self.agent = subprocess.Popen([sys.executable, "-B", "-E", "-S", AGENT], stdin=subprocess.PIPE,
-                                      stdout=subprocess.PIPE, preexec_fn=uml.die_with_parent)
+        self._start_agent()
+
+    def _start_inside(self, nodes):
+        """This is a guest that has nodes: uses the first of them, the others unlinked."""
+        for n in range(1, 1 + len(os.listdir("/run/netns"))):
+            shutil.rmtree(os.path.join(self.work, f"node{n}"), ignore_errors=True)
+            uml.make_node_files(self.work, n)
+            verb = "enable" if n <= nodes else "disable"
+            subprocess.run(["ip", "netns", "exec", f"n{n}", "tipc", "bearer", verb, "media", "eth",
+                            "device", "eth0"], stderr=subprocess.DEVNULL, check=False)
+        guest_init.wait_for_links(range(1, nodes + 1), nodes - 1)
+        self._start_agent("--inside")
+
+    def _start_agent(self, *arguments):
+        self.agent = subprocess.Popen([sys.executable, "-B", "-E", "-S", AGENT, *arguments],
+                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                      preexec_fn=uml.die_with_parent)
         self.local_channel = uml.Channel(self.agent.stdout.fileno(), self.agent.stdin.fileno())
         self.local_channel.listen(self._received, lambda: self._closed(0))
 
@@ -437,7 +458,8 @@ class Cluster:
         if self.kernels:
             self.kernels.stop()
             self.kernels = None
-        shutil.rmtree(self.work, ignore_errors=True)
+        if not self.inside:
+            shutil.rmtree(self.work, ignore_errors=True)
         if self.guard:
             self.guard.dismiss()
 
