@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <sys/auxv.h>
 #include <sys/prctl.h>
 
 #include "qel_watchdog.h"
@@ -108,9 +109,21 @@ void qel_fd::set_errno(int value) noexcept { errno = value; }
 
 // ---- hash index -----------------------------------------------------------------------------------------
 
-// Keys are built from small numbers in fixed fields; the multiplication spreads them over the high bits.
+// Peers choose the keys, so where they lie depends on a number that no peer knows: 8 of the 16 random bytes
+// that the kernel gives every process.
+static uint64_t hash_seed() noexcept {
+    uint64_t seed = 0;
+    if (const auto *random = reinterpret_cast<const void *>(getauxval(AT_RANDOM)))
+        std::memcpy(&seed, random, sizeof seed);
+    return seed;
+}
+
 static size_t slot_of(uint64_t key, size_t slot_count) noexcept {
-    return static_cast<size_t>((key * 0x9E3779B97F4A7C15u) >> 32) & (slot_count - 1);
+    static const uint64_t seed = hash_seed();
+    uint64_t h = key ^ seed; // every bit of the key reaches every bit of the slot
+    h = (h ^ h >> 33) * 0xFF51AFD7ED558CCDu;
+    h = (h ^ h >> 33) * 0xC4CEB9FE1A85EC53u;
+    return static_cast<size_t>(h ^ h >> 33) & (slot_count - 1);
 }
 
 void qel_hash_base::grow() noexcept {
