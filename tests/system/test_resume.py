@@ -17,9 +17,13 @@ class Resume(SystemTest):
         new.proc.expect("QEL socket msg distribute thread start")
         # Two applications of one process share what is known of either, and one's late sync takes it down.
         both = self.agent(1, {30: [31], 31: [30]})
+        # So do two applications of a process that talk to the same peer.
+        two = self.agent(1, {40: [42], 41: [42]})
+        one = self.agent(2, {42: [40, 41]})
         old.kill()
 
-        for agent, app, peer, node in ((a, 20, 21, 2), (both, 30, 31, 1), (both, 31, 30, 1)):
+        for agent, app, peer, node in ((a, 20, 21, 2), (both, 30, 31, 1), (both, 31, 30, 1), (two, 40, 42, 2),
+                                       (two, 41, 42, 2), (one, 42, 40, 1), (one, 42, 41, 1)):
             self.eventually(lambda a=agent, n=node, p=peer: a.value("online", n, p) == 1, "online", RESUME_S)
             result = []
 
@@ -33,6 +37,14 @@ class Resume(SystemTest):
         for app, peer in ((30, 31), (31, 30)):
             self.assertEqual(both.call("sendto", app, peer, -2, 2000, 100, 0)[:2], [0, 2000])
             both.arrived(peer, app, 1, 2000)
+        for app in (40, 41):
+            self.assertEqual(two.call("sendto", app, 42, 2, 2000, 100, 0)[:2], [0, 2000])
+            one.arrived(42, app, 1, 2000)
+        quits = len(two.seen("quit .* peer 42/2 .*"))
+        one.kill()
+        self.eventually(lambda: len(two.seen("quit .* peer 42/2 .*")) == quits + 1, "one subscriber is told")
+        self.stays(lambda: len(two.seen("quit .* peer 42/2 .*")) == quits + 1, "one only", 0.5)
+        self.assertEqual(two.value("online", 2, 42), 0)
         self.assertEqual(both.rpc(30, 31, 64, 0, 30)[::2], (0, [Reply(1, 31, SUCCESS, "same")]))
         self.assertEqual(a.call("sendto", 20, 21, 1, 1, 100, 0)[0], ENOENT)
 
