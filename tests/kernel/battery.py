@@ -3,11 +3,11 @@
 
     battery.py netns RESULTS BINARY  boots a kernel with two nodes, runs the kernel cases of BINARY on node 1
     battery.py pair RESULTS BINARY   boots two kernels with a real link between them, runs pair_cases.py
-    battery.py show RESULTS CASE     shows what CASE printed; the status is that of the case
     battery.py cmake OUT TARGET BINARY [TARGET BINARY]...
                                      writes the ctest entries battery.<kind>.<target> and those of its cases
 
-The first two end with 0 when every case has a result, passed or not; what fails is the entry of the case.
+The first two store what stored_result.py shows. They end with 0 when every case has a result, passed or not;
+what fails is the entry of the case.
 """
 import inspect
 import json
@@ -141,20 +141,10 @@ def report(results, begin, booted):
         print("failed:", name)
 
 
-def show(path, case):
-    try:
-        with open(path) as f:
-            result = json.load(f)[case]
-    except (OSError, KeyError) as e:
-        print(f"no result of {case}: {e!r}")
-        return 1
-    print(result["output"])
-    return 0 if result["passed"] else 1
-
-
 def cmake(out, pairs):
     """Writes ctest entries for the cases of the programs in @pairs: [target, binary, target...]."""
     me, base = os.path.abspath(__file__), os.path.dirname(os.path.abspath(out))
+    shower = os.path.join(HERE, "stored_result.py")
     text = []
 
     def boot(kind, target, binary, names):
@@ -164,7 +154,7 @@ def cmake(out, pairs):
                     f'FIXTURES_SETUP {boot_name})')
         for name in names:
             entry = f"{target}.{kind}.{name}"
-            text.append(f'add_test([=[{entry}]=] "{sys.executable}" -B "{me}" show "{path}" "{name}")')
+            text.append(f'add_test([=[{entry}]=] "{sys.executable}" -BES "{shower}" "{path}" "{name}")')
             text.append(f'set_tests_properties([=[{entry}]=] PROPERTIES LABELS "contract;kernel" TIMEOUT 30 '
                         f'FIXTURES_REQUIRED {boot_name})')
 
@@ -182,8 +172,6 @@ def main():
     kind, *arguments = sys.argv[1:]
     if kind == "cmake":
         cmake(arguments[0], arguments[1:])
-    elif kind == "show":
-        return show(*arguments)
     else:
         try:
             {"netns": netns, "pair": pair}[kind](*arguments)
