@@ -352,8 +352,8 @@ static ssize_t send_datagram(qel_local_socket &s, const void *data, size_t len, 
         qel_local_where where;
         uint32_t wait_ms = 0;
         const int error = named ? qel_local_resolve(to.addr.name.name.type, to.addr.name.name.instance,
-                                                    to.addr.name.domain, where, wait_ms)
-                                : qel_local_locate(to.addr.id.ref, dest_node, where, wait_ms);
+                                                    to.addr.name.domain, attempt > 0, where, wait_ms)
+                                : qel_local_locate(to.addr.id.ref, dest_node, attempt > 0, where, wait_ms);
         if (error == EAGAIN) { // congested link
             if (s.src_droppable.load(std::memory_order_relaxed))
                 return static_cast<ssize_t>(len);

@@ -541,7 +541,7 @@ static void cache_store(uint32_t type, uint32_t instance, uint32_t domain, uint3
     e->domain.store(domain, std::memory_order_release);
     e->count.store(count, std::memory_order_release);
     e->turn.store(1, std::memory_order_release); // whoever asked takes the first
-    for (uint32_t i = 0; i < count && i < qel_fabric_targets_max; i++) {
+    for (uint32_t i = 0; targets && i < count && i < qel_fabric_targets_max; i++) {
         e->index[i].store(targets[i]->index, std::memory_order_release);
         e->ref[i].store(targets[i]->ref.load(std::memory_order_relaxed), std::memory_order_release);
     }
@@ -643,9 +643,9 @@ static int resolve_slowly(uint32_t type, uint32_t instance, uint32_t domain, qel
     return EHOSTUNREACH;
 }
 
-int qel_local_resolve(uint32_t type, uint32_t instance, uint32_t domain, qel_local_where &where,
+int qel_local_resolve(uint32_t type, uint32_t instance, uint32_t domain, bool anew, qel_local_where &where,
                       uint32_t &wait_ms) noexcept {
-    switch (cache_find(type, instance, domain, where)) {
+    switch (anew ? cache_result::miss : cache_find(type, instance, domain, where)) {
     case cache_result::found:
         return 0;
     case cache_result::nobody:
@@ -657,8 +657,9 @@ int qel_local_resolve(uint32_t type, uint32_t instance, uint32_t domain, qel_loc
     return resolve_slowly(type, instance, domain, where, wait_ms);
 }
 
-int qel_local_locate(uint32_t ref, uint32_t node, qel_local_where &where, uint32_t &wait_ms) noexcept {
-    switch (cache_find(ref, node, cache_domain_port, where)) {
+int qel_local_locate(uint32_t ref, uint32_t node, bool anew, qel_local_where &where,
+                     uint32_t &wait_ms) noexcept {
+    switch (anew ? cache_result::miss : cache_find(ref, node, cache_domain_port, where)) {
     case cache_result::found:
         return 0;
     case cache_result::nobody:

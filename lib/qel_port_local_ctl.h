@@ -95,11 +95,12 @@ struct qel_local_where {
     uint32_t ref = 0; // what the target must still be when it is begun
 };
 // 0 and a target; EHOSTUNREACH; EAGAIN: the link there is congested, ask again in @wait_ms. The target is to
-// be begun before it is used, which fails when it is gone meanwhile.
-int qel_local_resolve(uint32_t type, uint32_t instance, uint32_t domain, qel_local_where &where,
+// be begun before it is used, which fails when it is gone meanwhile: then ask @anew, past the cache.
+int qel_local_resolve(uint32_t type, uint32_t instance, uint32_t domain, bool anew, qel_local_where &where,
                       uint32_t &wait_ms) noexcept;
 // The same for a port number; ENOENT: the node is there, the port is not.
-int qel_local_locate(uint32_t ref, uint32_t node, qel_local_where &where, uint32_t &wait_ms) noexcept;
+int qel_local_locate(uint32_t ref, uint32_t node, bool anew, qel_local_where &where,
+                     uint32_t &wait_ms) noexcept;
 
 inline bool qel_local_target_begin(qel_local_target &t, uint32_t ref) noexcept {
     t.users.fetch_add(1, std::memory_order_seq_cst); // partner: whoever sets `dying` looks at users after it
