@@ -488,6 +488,7 @@ struct qel_cli_loop : qel_cli {
         EXPECT_EQ(pipe(out), 0);
         EXPECT_EQ(write(in[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
         close(in[1]);
+        EXPECT_TRUE(qel_time::settle()); // no thread is in the middle of anything that its copy would need
         fflush(stdout);
         const int fork_error = g_fork_error.exchange(0);
         const pid_t child = ::fork();
