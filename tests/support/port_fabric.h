@@ -19,10 +19,12 @@ class local_fabric {
   private:
     local_fabric();
     void start();
+    void guard();
     void stop();
     static void stop_at_exit();
     std::string directory_, trouble_;
-    pid_t pid_ = -1;
+    pid_t pid_ = -1, guard_pid_ = -1;
+    int guard_wire_ = -1;
 };
 
 } // namespace port_test
