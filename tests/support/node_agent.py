@@ -15,6 +15,7 @@ From the agent:
     {"ev": "started", "id": 1, "pid": 77}, or {"ev": "failed", "id": 1, "error": "..."}
     {"ev": "out", "id": 1, "fd": 1, "data": "..."}
     {"ev": "exit", "id": 1, "status": 0}   negative: the signal; everything it wrote before has been sent
+    {"ev": "stopped", "id": 1}             after SIGSTOP to it alone: all its threads stand, or it has ended
     {"ev": "ack", "bytes": 2048}           input bytes consumed: a guest's terminal holds 4096 and then sticks
 
 Node 0 is the kernel itself. Of the other nodes each has a network namespace n<node>, where the kernel has
@@ -218,9 +219,14 @@ class Agent:
         child = self.children.get(op["id"])
         if child is None or child.proc.returncode is not None:
             return
+        pid, group = child.proc.pid, op.get("group")
         try:
-            (os.killpg if op.get("group") else os.kill)(child.proc.pid, op["sig"])
-        except ProcessLookupError:
+            (os.killpg if group else os.kill)(pid, op["sig"])
+            if op["sig"] == signal.SIGSTOP and not group:
+                # It runs on until the kernel comes round to it, on a busy host for a good while.
+                os.waitid(os.P_PID, pid, os.WSTOPPED | os.WEXITED | os.WNOWAIT)
+                self.tell(ev="stopped", id=op["id"])
+        except (ProcessLookupError, ChildProcessError):
             pass
 
     def handle(self, line):

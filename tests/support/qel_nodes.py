@@ -82,6 +82,7 @@ class Proc:
         self.pid = None
         self.status = None  # negative: the signal
         self.error = None
+        self.stops = 0
         self.chunks = []  # (seconds since the start of the cluster, text)
         self.text = ""
         self.err_text = ""  # with merge=False
@@ -103,6 +104,8 @@ class Proc:
                 self.text += event["data"]
             else:
                 self.err_text += event["data"]
+        elif what == "stopped":
+            self.stops += 1
         elif what == "exit":
             self.status = event["status"]
 
@@ -135,8 +138,14 @@ class Proc:
 
     def kill(self, sig=signal.SIGKILL, group=False):
         """Sends a signal; nothing happens if it has ended. @group: to all processes of its session's first
-        group."""
+        group. After SIGSTOP without @group it stands when this returns."""
+        with self.changed:
+            stops = self.stops
         self.node.tell(op="kill", id=self.ident, sig=int(sig), group=group)
+        if sig == signal.SIGSTOP and not group:
+            with self.changed:
+                if not self.changed.wait_for(lambda: self.stops > stops or self.status is not None, 10):
+                    raise NodeError(f"{self} does not stop")
 
     def wait(self, timeout=10):
         """Waits for its end. Gives its status, negative for a signal."""

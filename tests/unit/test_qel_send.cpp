@@ -224,8 +224,8 @@ TEST_F(send, only_status_1_converts_two_data_words_and_converts_them_back) {
             EXPECT_EQ(memcmp(qel_msg_data(m), words, static_cast<size_t>(len)), 0) << "the sender's own";
             const auto sent = qel_fake::take_sent();
             ASSERT_EQ(sent.size(), 1u);
-            qel_fake::bytes expected(static_cast<size_t>(len));
-            memcpy(expected.data(), words, static_cast<size_t>(len));
+            const auto *first = reinterpret_cast<const uint8_t *>(words);
+            qel_fake::bytes expected(first, first + len);
             for (size_t i = 0; i < 2 && status == 1; i++)
                 if (len >= static_cast<int32_t>(4 * i + 4))
                     qel_store_be32(&expected[4 * i], words[i]);
