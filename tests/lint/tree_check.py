@@ -47,6 +47,7 @@ UPWARD = {
 MAY_SLEEP = {
     "tests/support/agent.c": "applications that are slow on purpose",
     "tests/support/qel_agents.py": "what is waited for is in another process or must not happen",
+    "tests/unit/test_qel_port_local.cpp": "signals are repeated until one meets the poll() they are to end",
     "tests/kernel/guest_init.py": "the first process of a guest has nobody who could tell it anything",
 }
 
