@@ -337,6 +337,25 @@ TYPED_TEST(groups, a_group_of_the_other_kind_is_unknown) {
     EXPECT_EQ(TypeParam::add(this->me, other, 1), -ENOENT);
 }
 
+// ---- configured -----------------------------------------------------------------------------------------
+
+struct mc_conf : qel_process {};
+
+TEST_F(mc_conf, groups_of_the_configuration_are_read_by_whoever_asks_and_made_by_nobody) {
+    set_conf("[APP_MCAST_TBL]\n3000, one, 7 8, comment\n3001, two, 9, comment\n");
+    ASSERT_EQ(add_app(5, false), 0);
+    qel_set_masks(0);
+    uint32_t members[QEL_APP_GROUP_MBRS];
+    EXPECT_EQ(qel_get_app_mc_members(0x3000, members), 2);
+    EXPECT_EQ(members[0], 7u);
+    EXPECT_EQ(mc_stat(5), "  Private application multicast number 0:\n  Private node multicast number 0:\n");
+    EXPECT_EQ(qel_add_app_mcast(5, 0x3000, 10), -ENOENT);
+    EXPECT_EQ(qel_create_app_mcast(5), 0x3000);
+    qel_app_mc_group g;
+    qel_get_app_mc_mbr(5, 0x3000, &g);
+    EXPECT_EQ(g.members[0], 0u) << "made by the application, so empty";
+}
+
 // ---- print ----------------------------------------------------------------------------------------------
 
 struct mc_print : qel_process {

@@ -682,6 +682,13 @@ TEST_F(rpc, a_second_reply_of_a_peer_and_one_of_a_peer_that_was_not_asked_are_re
     EXPECT_EQ(w.replies(), (list{"7/2 0"}));
 }
 
+TEST_F(rpc, of_the_node_number_in_a_reply_16_bits_count) {
+    open_wait w(1, 30, {{8, 2}, {8, 3}});
+    EXPECT_EQ(add(8, 0x10002, 1), 0);
+    EXPECT_EQ(qel_terminate_rpc(me, 8, 0xFFFF0003), 0);
+    EXPECT_EQ(w.replies(), (list{"8/65538 0", "8/3 4"}));
+}
+
 TEST_F(rpc, of_a_peer_listed_twice_each_reply_strikes_one_entry) {
     open_wait w(1, 30, {{7, 2}, {7, 2}});
     EXPECT_EQ(add(7, 2, 1), 0);
@@ -724,7 +731,7 @@ TEST_F(rpc_death, a_broadcast_that_fails_is_an_assertion_failure) {
 // ---- error replies made here ----------------------------------------------------------------------------
 
 TEST_F(rpc, an_error_reply_is_filed_like_one_of_the_peer) {
-    open_wait w(4711, 30, {{7, 2}, {7, 3}});
+    open_wait w(4711, 30, {{8, 2}, {7, 3}});
     const unsigned before = broadcasts();
     qel_capture out;
     qel_set_masks();
@@ -733,9 +740,9 @@ TEST_F(rpc, an_error_reply_is_filed_like_one_of_the_peer) {
     EXPECT_EQ(broadcasts(), before + 1);
     ASSERT_EQ(w.set.count, 1);
     expect_local(w.set.msg[0], 7, 3, 4711, QEL_STATUS_SYSTEM);
-    EXPECT_EQ(qel_rpc_add_error_reply(me, 4711, 7, 0x10002, 77), 0) << "of the node number 16 bits count";
-    EXPECT_EQ(out.take(), RPC(W, "QEL add error reply for app 5 seq 4711 from 7/65538 status .\n"));
-    expect_local(w.set.msg[1], 7, 2, 4711, 77);
+    EXPECT_EQ(qel_rpc_add_error_reply(me, 4711, 8, 0x10002, 77), 0) << "of the node number 16 bits count";
+    EXPECT_EQ(out.take(), RPC(W, "QEL add error reply for app 5 seq 4711 from 8/65538 status .\n"));
+    expect_local(w.set.msg[1], 8, 2, 4711, 77);
 }
 
 TEST_F(rpc, an_error_reply_without_wait_or_for_a_peer_not_waited_for_is_refused) {

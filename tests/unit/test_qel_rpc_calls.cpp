@@ -1130,6 +1130,71 @@ TEST_F(rpc_on_the_wire, a_request_reaches_the_dispatcher_and_513_of_them_are_ack
     EXPECT_EQ(all[0].msg.data, tlv(QEL_TLV_FC_ACK, {512}));
 }
 
+// ---- without a thread -----------------------------------------------------------------------------------
+
+// Application 5 has no thread of its own: what its dispatcher does it does on the library's.
+struct rpc_without_thread : rpc_on_the_wire {
+    static inline int32_t ret, count;
+    static inline uint32_t status;
+    static void call_back(qel_msg *msg) {
+        qel_reply_set set;
+        ret = qel_rpc(me, msg->hdr.src_app, msg, 0, 30, &set);
+        count = set.count;
+        status = count == 1 ? set.msg[0]->hdr.rpc_status : 77;
+        qel_reply_msg_free(&set);
+        free(msg);
+    }
+    static void send_back(qel_msg *msg) {
+        ret = qel_send(me, msg->hdr.src_app, msg, 0);
+        free(msg);
+    }
+    void start_with(qel_dispatch_fun fun) {
+        const qel_dispatcher table[] = {{1, fun}, {0, nullptr}};
+        ASSERT_EQ(qel_register_without_thread(me, "app5", table, nullptr), 0);
+        qel_set_masks(0);
+        ASSERT_EQ(qel_comm_with(me, 7), 0);
+        ASSERT_TRUE(run());
+        ASSERT_TRUE(bring_online(7, 2));
+        qel_set_seq_for_test(4710);
+        (void)qel_fake::take_sent();
+        ret = 12345;
+    }
+};
+
+TEST_F(rpc_without_thread, a_call_from_its_dispatcher_never_sees_the_reply_and_times_out) {
+    start_with(call_back);
+    deliver(me, wire({.src_app = 7, .src_node = 2, .dst_app = me}, "do it"));
+    ASSERT_TRUE(qel_time::settle());
+    EXPECT_EQ(take_destinations(), (list{"7/2"}));
+    deliver(me, wire(reply_head())); // nobody is there to take it
+    ASSERT_TRUE(qel_time::run_for(29'999ms));
+    ASSERT_TRUE(qel_time::settle());
+    EXPECT_EQ(ret, 12345);
+    ASSERT_TRUE(qel_time::run_for(1ms));
+    ASSERT_TRUE(qel_fake::settle());
+    EXPECT_EQ(ret, 0);
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(status, QEL_STATUS_TIMEOUT);
+}
+
+TEST_F(rpc_without_thread, a_send_from_its_dispatcher_that_is_held_back_stops_all_reception) {
+    start_with(send_back);
+    for (int i = 0; i < 1025; i++)
+        qel_fc_update_sent_ok(me, 7, 2);
+    const qel_head head = {.src_app = 7, .src_node = 2, .dst_app = me};
+    deliver(me, wire(head, "first"));
+    ASSERT_TRUE(qel_time::settle());
+    qel_head ack = head;
+    ack.flags = QEL_FLAG_MNG;
+    deliver(me, wire(ack, tlv(QEL_TLV_FC_ACK, {512}))); // it would release the sender
+    ASSERT_TRUE(qel_time::run_for(1h));
+    ASSERT_TRUE(qel_time::settle());
+    EXPECT_EQ(ret, 12345);
+    qel_fc_update_sent_ack(me, 7, 2, 1); // for the end of the test, from outside
+    ASSERT_TRUE(qel_fake::settle());
+    EXPECT_EQ(ret, 0);
+}
+
 // ---- many at once ---------------------------------------------------------------------------------------
 
 TEST_F(rpc_on_the_wire, eight_threads_that_call_at_once_each_get_their_own_answers) {
