@@ -1,7 +1,10 @@
 // Flow control: what is counted, who is admitted, who waits how long, and what is said and sent meanwhile.
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <ctime>
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include "qel_app_info.h"
 #include "qel_flow_ctrl.h"
@@ -1044,6 +1047,44 @@ TEST_F(flow_ctrl, with_records_of_every_node_a_message_costs_what_it_costs_with_
     }
     const int64_t with_all = cost();
     EXPECT_LT(with_all, 20 * with_ten) << "a walk over all records would take thousands of times as long";
+}
+
+// ---- many threads ---------------------------------------------------------------------------------------
+
+TEST_F(flow_ctrl, eight_senders_and_a_peer_that_acknowledges_in_batches_all_come_to_their_end) {
+    constexpr uint32_t threads = 8, each = 3000, all = threads * each;
+    std::atomic<uint32_t> counted{0};
+    uint32_t acknowledged = 0, most = 0;
+    {
+        qel_task peer([&] { // the 513th of a batch brings the acknowledgement
+            while (acknowledged + 513 <= all) {
+                const uint32_t outstanding = counted - acknowledged;
+                most = std::max(most, outstanding);
+                if (outstanding < 513) {
+                    sched_yield();
+                    continue;
+                }
+                acknowledged += 512;
+                qel_fc_update_sent_ack(me, 7, 2, 512);
+            }
+        });
+        std::vector<std::unique_ptr<qel_task>> senders;
+        for (uint32_t t = 0; t < threads; t++)
+            senders.push_back(std::make_unique<qel_task>([&counted] {
+                for (uint32_t i = 0; i < each; i++) {
+                    if (qel_fc_check(me, 7, 0) != 0)
+                        abort();
+                    qel_fc_update_sent_ok(me, 7, 2);
+                    counted++;
+                }
+            }));
+        for (auto &s : senders)
+            ASSERT_TRUE(s->join());
+        ASSERT_TRUE(peer.join());
+    }
+    EXPECT_LE(most, 1024 + threads) << "together they may pass the limit by one each";
+    const auto left = static_cast<int>(all - acknowledged);
+    EXPECT_EQ(fc_stat(me), stat({.send = all, .unack = left}, to(7, 2, all, left)));
 }
 
 } // namespace
