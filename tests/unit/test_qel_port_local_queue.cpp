@@ -180,7 +180,6 @@ TEST(local_queue, as_many_messages_wait_as_in_the_kernel) {
 
 TEST(local_queue, a_returned_message_finds_room_where_no_other_does) {
     memory m(8192);
-    qel_lq_reader r;
     while (write_one(m.q, 64, 0, 3) == qel_lq_put::ok) {
     }
     qel_lq_meta back = meta_of(64);
