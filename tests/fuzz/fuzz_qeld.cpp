@@ -90,6 +90,7 @@ void events(const uint8_t *data, size_t size) {
     }
     static const uint8_t none[1] = {};
     g_answer = none;
+    g_answer_len = 0;
     while (qeld_work_step(0)) {
     }
 }
