@@ -216,7 +216,7 @@ void server::accept_all() {
 
 void server::readable(connection &c) {
     for (size_t i = 0; i < requests_per_round && !c.dead; i++) {
-        std::byte data[4096];
+        std::byte data[4096] = {};
         int fds[2];
         size_t fd_count = 0;
         ssize_t got = 0;
@@ -231,6 +231,16 @@ void server::readable(connection &c) {
         }
         if (got < 0 && (errno == EAGAIN || errno == EINTR))
             return;
+        qel_fabric_request cut{};
+        if (got < 0 && errno == EMFILE && qel_fabric_decode(std::span(data, sizeof cut), cut)) {
+            // Its descriptors found no room here: refuse this one, the process keeps what it has.
+            qel_fabric_reply r{};
+            r.op = cut.op;
+            r.number = cut.number;
+            r.error = ENFILE;
+            reply(c, r);
+            continue;
+        }
         if (got <= 0) {
             c.dead = true;
             return;

@@ -61,8 +61,7 @@ struct qel_local_socket {
     qel_lq_reader reader;
     uint32_t polls = 0;       // since the other descriptors were looked at
     uint32_t events_seen = 0; // the page's event_count then
-    uint32_t spins_useless = 0;
-    uint64_t trim_at = 0; // cost consumed beyond which an idle queue is worth trimming
+    uint64_t trim_at = 0;     // cost consumed beyond which an idle queue is worth trimming
 
     // Topology sockets.
     std::atomic<bool> connected{false}, ended{false}, shut{false};

@@ -493,6 +493,31 @@ TEST_F(fabric_process, serves_a_directory_with_a_path_longer_than_a_socket_addre
     EXPECT_EQ(a.next().data, "hello");
 }
 
+TEST_F(fabric_process, out_of_descriptors_refuses_sockets_and_serves_those_it_has) {
+    fabric = std::make_unique<process>(
+        strings{"/bin/sh", "-c", "ulimit -n 40; exec \"$0\" --ready-fd 1", fabric_program()},
+        std::map<std::string, std::string>{});
+    ASSERT_EQ(fabric->line(), "");
+    std::vector<std::unique_ptr<sock>> all;
+    for (int i = 0; i < 40; i++) {
+        auto s = std::make_unique<sock>();
+        if (s->fd < 0) {
+            EXPECT_EQ(port.socket(AF_TIPC, SOCK_RDM, 0), -1);
+            EXPECT_EQ(errno, ENFILE);
+            break;
+        }
+        EXPECT_EQ(s->bind(static_cast<uint32_t>(i)), 0);
+        all.push_back(std::move(s));
+    }
+    ASSERT_GT(all.size(), 5u);
+    ASSERT_LT(all.size(), 40u);
+    ASSERT_EQ(all.back()->send(0, "hello"), 5);
+    EXPECT_EQ(all.front()->next().data, "hello");
+    all.pop_back();
+    sock again;
+    EXPECT_GE(again.fd, 0) << "one was given back";
+}
+
 TEST_F(fabric_process, explains_itself) {
     process p({fabric_program(), "--help"}, {});
     const std::string text = p.rest();
