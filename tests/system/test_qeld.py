@@ -42,6 +42,13 @@ class Start(DaemonTest):
         self.assertEqual(proc.output, "")
         self.assertIn("stty", proc.err_text)
 
+    def test_a_terminal_set_up_that_cannot_be_waited_for_ends_it_with_0(self):
+        # with SIGCHLD ignored the child leaves no status behind
+        code = "import os, signal, sys; signal.signal(signal.SIGCHLD, signal.SIG_IGN); os.execl(*sys.argv[1:])"
+        proc = self.node(1).spawn([sys.executable, "-c", code, QELD, QELD], pty=True)
+        self.assertEqual(proc.wait(), 0)
+        self.assertNotIn("(qel)", proc.output)
+
     def test_it_greets_with_the_help_and_a_prompt(self):
         console = Console(self.node(1))
         self.assertEqual(console.until_prompt(), HELP)

@@ -11,7 +11,22 @@
 
 // The console's fork() and wait() can be made to fail.
 static std::atomic<int> g_fork_error{0}, g_wait_error{0}, g_wait_status{-1};
+static std::atomic<bool> g_show_execve{false};
 extern "C" {
+int execve(const char *path, char *const argv[], char *const envp[]) noexcept {
+    static const auto real =
+        reinterpret_cast<int (*)(const char *, char *const[], char *const[])>(dlsym(RTLD_NEXT, "execve"));
+    if (!g_show_execve)
+        return real(path, argv, envp);
+    std::string text = std::string("execve ") + path + ":";
+    for (; *argv; argv++)
+        text += std::string(" ") + *argv;
+    text += *envp ? ", some environment\n" : ", no environment\n";
+    if (write(STDOUT_FILENO, text.data(), text.size()) < 0)
+        abort();
+    errno = ENOENT;
+    return -1;
+}
 pid_t fork() noexcept {
     static const auto real = reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"));
     if (g_fork_error) {
@@ -567,6 +582,13 @@ TEST_F(qel_cli_loop, start_up_is_told_in_the_log) {
     EXPECT_EQ(qel_without_line_numbers(session("quit\n")), qel_line("qel_cli", V, "QELD CLI init.\n") +
                                                                qel_line("qel_cli", V, "QELD CLI init OK.\n") +
                                                                help + "(qel)");
+}
+
+TEST_F(qel_cli_loop, the_terminal_is_set_up_by_stty_without_an_environment_and_must_succeed) {
+    g_show_execve = true; // and fails
+    std::string printed;
+    EXPECT_EQ(console("show debug\n", &printed), 1);
+    EXPECT_EQ(printed, "execve /bin/stty: stty sane, no environment\n");
 }
 
 TEST_F(qel_cli_loop, without_a_terminal_the_process_ends_with_1_before_any_prompt) {

@@ -292,6 +292,23 @@ TEST_F(qeld_event, after_the_withdrawal_of_a_range_the_living_are_announced_anew
     EXPECT_EQ(sent[0].data, cancel) << "all 28 bytes but the cancel bit";
 }
 
+TEST_F(qeld_event, a_new_subscription_that_fails_after_a_range_makes_the_connection_anew) {
+    start();
+    come_up();
+    add(5, {.pid = 5000077});
+    settle();
+    const int32_t before = g_app_mng.sd;
+    qel_fake::fail(qel_fake::op::send, EPIPE, 2);
+    range(TIPC_WITHDRAWN, 0, 0xFFFFFFFF);
+    settle();
+    EXPECT_EQ(g_app_mng.sd, -1);
+    qel_time::advance(seconds(1));
+    settle();
+    EXPECT_GE(g_app_mng.sd, 0);
+    EXPECT_EQ(qel_fake::calls(qel_fake::op::close).back().fd, before);
+    EXPECT_EQ(others(), "5000077:0:5");
+}
+
 TEST_F(qeld_event, a_publication_of_a_range_costs_no_new_subscription) {
     start();
     come_up();
