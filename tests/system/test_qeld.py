@@ -44,7 +44,7 @@ class Start(DaemonTest):
 
     def test_a_terminal_set_up_that_cannot_be_waited_for_ends_it_with_0(self):
         # with SIGCHLD ignored the child leaves no status behind
-        code = "import os, signal, sys; signal.signal(signal.SIGCHLD, signal.SIG_IGN); os.execl(*sys.argv[1:])"
+        code = "import os, signal as s, sys; s.signal(s.SIGCHLD, s.SIG_IGN); os.execl(*sys.argv[1:])"
         proc = self.node(1).spawn([sys.executable, "-c", code, QELD, QELD], pty=True)
         self.assertEqual(proc.wait(), 0)
         self.assertNotIn("(qel)", proc.output)

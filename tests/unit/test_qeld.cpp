@@ -149,7 +149,7 @@ TEST_F(qeld, the_pid_file_is_closed_on_exec) {
 TEST_F(qeld, a_second_daemon_is_refused_and_changes_nothing) {
     EXPECT_EQ(qeld_already_run(), 0u);
     const std::string before = own_pid();
-    EXPECT_TRUE(in_child([this] {
+    EXPECT_TRUE(in_child([] {
         qel_set_masks();
         qel_capture out;
         return qeld_already_run() == 1 &&
