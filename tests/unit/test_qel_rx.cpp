@@ -217,7 +217,7 @@ TEST_F(qel_rx, the_watchdog_is_fed_for_each_subscription_and_before_every_poll_a
 }
 
 TEST_F(qel_rx, a_socket_that_cannot_be_bound_unregisters_the_watchdog_and_ends_the_process_with_status_1) {
-    const qel_child child = qel_run_child([this] {
+    const qel_child child = qel_run_child([] {
         qel_set_masks();
         if (add_app(5, false) || add_app(9, false))
             _exit(9);
