@@ -331,8 +331,6 @@ static void qel_rx_return(qel_app_mng *slot, unsigned char *data, size_t size) n
 void qel_rx_app_socket(uint32_t index) noexcept {
     qel_app_mng *slot = &g_qel_mng.apps[index];
     const uint32_t app_id = slot->app_id.load(std::memory_order_relaxed);
-    QEL_VERBOSE("QEL app %d recv new msg.\n", static_cast<int>(app_id));
-
     unsigned char *data = rx.buffer + sizeof(qel_link);
     memset(data, 0, QEL_MSG_HDR_LEN); // a short datagram must not show the length of the one before
     iovec io = {data, rx_bytes_max};
@@ -343,9 +341,12 @@ void qel_rx_app_socket(uint32_t index) noexcept {
     header.msg_controllen = sizeof rx.control;
     // Without waiting: a datagram of no length makes poll say readable, then there is nothing to receive.
     const ssize_t ret = qel_port_get().recvmsg(slot->info->sd, &header, MSG_DONTWAIT);
+    const int error = ret < 0 ? errno : 0;
+    if (error == EAGAIN)
+        return; // there was nothing: no trace of it
+    QEL_VERBOSE("QEL app %d recv new msg.\n", static_cast<int>(app_id));
     if (ret < 0) {
-        if (errno != EAGAIN)
-            receive_exception(app_id, errno);
+        receive_exception(app_id, error);
     } else if (ret == 0) {
         errno = 0;
         if (walk_control(slot, app_id, std::min<size_t>(header.msg_controllen, sizeof rx.control)))
