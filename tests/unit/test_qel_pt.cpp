@@ -13,7 +13,9 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 static std::atomic<int> g_clock_id_error{0};
-extern "C" int clock_getcpuclockid(pid_t pid, clockid_t *clock) noexcept {
+// Under the system's name, without its parameters'.
+extern "C" int clock_id_of_test(pid_t pid, clockid_t *clock) noexcept __asm__("clock_getcpuclockid");
+extern "C" int clock_id_of_test(pid_t pid, clockid_t *clock) noexcept {
     static const auto real =
         reinterpret_cast<int (*)(pid_t, clockid_t *)>(dlsym(RTLD_NEXT, "clock_getcpuclockid"));
     return g_clock_id_error ? g_clock_id_error.load() : real(pid, clock);
@@ -438,10 +440,10 @@ struct qel_pt_run : qel_pt {
     }
     // Whole milliseconds of @count steps, as far as the test's clocks begin at whole milliseconds.
     static double ms(uint64_t before, uint64_t after) {
-        return static_cast<double>(
-            static_cast<int64_t>(after / 1'000'000'000 - before / 1'000'000'000) * 1000 +
-            (static_cast<int64_t>(after % 1'000'000'000) - static_cast<int64_t>(before % 1'000'000'000)) /
-                1'000'000);
+        const auto s = [](uint64_t ns) { return static_cast<int64_t>(ns / 1'000'000'000); };
+        const auto rest = [](uint64_t ns) { return static_cast<int64_t>(ns % 1'000'000'000); };
+        const int64_t elapsed = (s(after) - s(before)) * 1000 + (rest(after) - rest(before)) / 1'000'000;
+        return static_cast<double>(elapsed);
     }
     // What both tests of one size print, by clocks that begin where @at stands and are moved on.
     static std::string expected(uint32_t size, const std::string &to, uint32_t peers_count, bool receiving,
@@ -631,22 +633,17 @@ TEST_F(qel_pt_run, more_reports_than_expected_are_as_good) {
 TEST_F(qel_pt_run, report_times_are_unsigned) {
     with_nodes({2});
     g.lose_reports = true;
-    const qel_fake::bytes end = [] {
-        qel_fake::bytes b = payload(28, 1, 1, true);
-        memset(b.data() + 8, 0xFF, 12);
-        return b;
-    }();
     qel_capture out;
     // instead of the peer's: one that claims the longest times
     static qel_port port;
     port = qel_port_get();
-    static const qel_fake::bytes *report;
-    report = &end;
     port.sendto = [](int fd, const void *data, size_t len, int flags, const sockaddr *to, socklen_t to_len) {
         const ssize_t ret = peers(fd, data, len, flags, to, to_len);
         if (g.ends == 1) {
-            qel_msg *msg = qel_msg_alloc(static_cast<int32_t>(report->size()), 1, 0);
-            memcpy(qel_msg_data(msg), report->data(), report->size());
+            qel_fake::bytes report = payload(28, 1, 1, true);
+            memset(report.data() + 8, 0xFF, 12);
+            qel_msg *msg = qel_msg_alloc(static_cast<int32_t>(report.size()), 1, 0);
+            memcpy(qel_msg_data(msg), report.data(), report.size());
             qel_pt_msg_proc(msg);
         }
         return ret;

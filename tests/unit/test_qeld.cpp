@@ -42,6 +42,7 @@ struct qeld : qeld_world {
         std::vector<std::string> words = {"qeld"};
         words.insert(words.end(), args.begin(), args.end());
         std::vector<char *> argv;
+        argv.reserve(words.size() + 1);
         for (std::string &word : words)
             argv.push_back(word.data());
         argv.push_back(nullptr);
@@ -230,7 +231,7 @@ TEST_F(qeld, each_step_with_the_file_is_told_by_its_name) {
 
 TEST_F(qeld, a_file_that_cannot_be_written_is_told) {
     make_log_dir();
-    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_NE(signal(SIGXFSZ, SIG_IGN), SIG_ERR);
     EXPECT_TRUE(in_child([this] {
         qel_set_masks();
         qel_capture out;
