@@ -108,7 +108,7 @@ class Installed(unittest.TestCase):
     def test_cpp20_program_by_find_package(self):
         build = os.path.join(self.scratch, "by_find_package")
         run("cmake", "-S", os.path.join(HERE, "consumer"), "-B", build, "-DCMAKE_PREFIX_PATH=" + self.prefix,
-            "-DCMAKE_BUILD_TYPE=Release")
+            "-DCMAKE_BUILD_TYPE=Release", "-G", "Ninja")
         run("cmake", "--build", build)
         self.assertEqual(run(os.path.join(build, "consumer")), "libqel answers\n")
 

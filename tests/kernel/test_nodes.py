@@ -3,6 +3,7 @@
 import glob
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -20,8 +21,8 @@ PEER = os.path.join(BUILD, "tests/contract_test_port")
 os.environ.setdefault("QEL_FABRIC_BIN", os.path.join(BUILD, "qel-fabric"))
 
 
-def uml(*words, python=sys.executable, **kw):
-    return subprocess.run([python, "-B", UML, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+def uml(*words, python=sys.executable, script=UML, **kw):
+    return subprocess.run([python, "-B", script, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                           text=True, timeout=150, **kw)
 
 
@@ -122,10 +123,14 @@ class OneKernel(unittest.TestCase):
 
     @unittest.skipIf(os.getuid() != 0, "it is one already")
     def test_an_unprivileged_user_may_run_it(self):
-        with tempfile.TemporaryDirectory() as tmp:
+        with tempfile.TemporaryDirectory() as tmp, tempfile.TemporaryDirectory() as copy:
             os.chmod(tmp, 0o777)
+            os.chmod(copy, 0o755)  # the checkout may lie where only its owner gets
+            for part in ("kernel", "support"):
+                shutil.copytree(os.path.join(HERE, "..", part), os.path.join(copy, part))
             done = uml("--nodes", "2", "--node", "2", "--", "sh", "-c", "tipc node get address; id -u",
-                       user=65534, group=65534, extra_groups=[], cwd="/", python="/usr/bin/python3",
+                       script=os.path.join(copy, "kernel", "uml.py"), user=65534, group=65534,
+                       extra_groups=[], cwd="/", python="/usr/bin/python3",
                        env=dict(os.environ, TMPDIR=tmp, HOME=tmp))
             self.assertEqual((done.returncode, done.stdout), (0, "01001002\n0\n"), done.stderr)
             self.assertEqual(os.listdir(tmp), [])

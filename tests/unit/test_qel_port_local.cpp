@@ -1386,6 +1386,10 @@ TEST_F(local_port, closed_sockets_leave_nothing_open) {
 }
 
 TEST_F(local_port, every_descriptor_is_closed_on_exec) {
+    std::vector<std::string> inherited; // the test runner's, which has habits of its own
+    std::error_code gone;
+    for (const auto &entry : fs::directory_iterator("/proc/self/fd"))
+        inherited.push_back(entry.path().string() + fs::read_symlink(entry.path(), gone).string());
     start();
     auto far = role("echo", "5", 2);
     ASSERT_EQ(far->line(), "ready");
@@ -1397,6 +1401,8 @@ TEST_F(local_port, every_descriptor_is_closed_on_exec) {
         const int fd = std::stoi(entry.path().filename());
         std::error_code error;
         const std::string target = fs::read_symlink(entry.path(), error).string();
+        if (std::find(inherited.begin(), inherited.end(), entry.path().string() + target) != inherited.end())
+            continue;
         if (fd > 2 && (target.find("qel") != std::string::npos ||
                        target.find("eventfd") != std::string::npos || target.starts_with("socket:"))) {
             EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << target;
