@@ -48,11 +48,10 @@ void qel_log_write(const char *src, int line, qel_level level, const char *fmt, 
 
 // ---- directory and files --------------------------------------------------------------------------------
 
+// Another process may make it at the same moment: what counts is that it is there afterwards.
 static int make_dir_if_missing(const char *path) noexcept {
     struct stat st;
-    if (stat(path, &st) == 0)
-        return 0;
-    return mkdir(path, 0777) == 0 || errno == EEXIST ? 0 : -1;
+    return mkdir(path, 0777) == 0 || stat(path, &st) == 0 ? 0 : -1;
 }
 
 int qel_make_log_dir(char *buf, size_t size) noexcept {
@@ -114,12 +113,17 @@ void qel_dm_remove_obsolete_files(const char *dir, const char *prefix) noexcept 
         unlink(files[i].path);
 }
 
-// Directories of the log are open to everybody: no link is followed, no pipe is waited for, and the mode is
-// set on what was opened.
+// Directories of the log are open to everybody: no link is followed, no pipe is waited for or written to (its
+// reader could go and leave us with SIGPIPE), and the mode is set on what was opened.
 static FILE *open_new_file(const char *path) noexcept {
     qel_fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0777));
-    if (!fd)
+    struct stat st;
+    if (!fd || fstat(fd.fd, &st) != 0)
         return nullptr;
+    if (!S_ISREG(st.st_mode)) {
+        errno = ENXIO; // as the kernel says of a pipe that nobody reads
+        return nullptr;
+    }
     (void)fchmod(fd.fd, 0777);
     FILE *file = fdopen(fd.fd, "w");
     if (file)

@@ -160,6 +160,14 @@ TEST_F(dm, a_file_in_the_place_of_a_directory_fails) {
     EXPECT_EQ(qel_make_log_dir(buf, sizeof buf), -1);
 }
 
+TEST_F(dm, a_link_to_nowhere_in_the_place_of_a_directory_fails) {
+    fs::create_directories(dir + "/velt/dev");
+    fs::create_symlink(dir + "/nowhere", dir + "/velt/dev/qel");
+    char buf[64];
+    EXPECT_EQ(qel_make_log_dir(buf, sizeof buf), -1);
+    EXPECT_FALSE(fs::exists(dir + "/nowhere"));
+}
+
 TEST_F(dm, the_directory_fits_a_buffer_of_its_size_exactly) {
     const std::string want = dir + "/velt/dev/qel";
     std::vector<char> buf(want.size() + 1);
@@ -252,6 +260,29 @@ TEST_F(dm, a_planted_pipe_does_not_stop_the_process) {
               qel_line("qel_dm", X, "QEL open debug log file %s failed: No such device or address.\n",
                        log_path().c_str()));
     EXPECT_EQ(g_qel_log_fp, nullptr);
+}
+
+// Its reader could go at any time, and the next line would end the process by SIGPIPE.
+TEST_F(dm, a_planted_pipe_with_a_reader_is_not_written_to) {
+    qel_set_masks(0xF, 0);
+    fs::create_directories(log_dir);
+    ASSERT_EQ(mkfifo(log_path().c_str(), 0777), 0);
+    ASSERT_EQ(mkfifo(stat_path().c_str(), 0777), 0);
+    const int log_reader = open(log_path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int stat_reader = open(stat_path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(log_reader, 0);
+    ASSERT_GE(stat_reader, 0);
+    qel_capture out;
+    qel_dm_init();
+    EXPECT_EQ(out.take(),
+              qel_line("qel_dm", X, "QEL open debug log file %s failed: No such device or address.\n",
+                       log_path().c_str()) +
+                  qel_line("qel_dm", X, "QEL open stat file %s failed: No such device or address.\n",
+                           stat_path().c_str()));
+    EXPECT_EQ(g_qel_log_fp, nullptr);
+    EXPECT_EQ(g_qel_stat_fp, nullptr);
+    close(log_reader);
+    close(stat_reader);
 }
 
 // ---- old files ------------------------------------------------------------------------------------------
