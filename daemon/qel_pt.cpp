@@ -1,5 +1,6 @@
 #include "qel_pt.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -12,8 +13,6 @@
 constexpr uint32_t pt_app = 6;
 constexpr uint32_t pt_version = 1;
 constexpr uint32_t sizes[] = {64, 256, 1024, 4096, 16384, 32768, 65536};
-constexpr uint32_t send_bytes = 32'000'000, rpc_bytes = 16'000'000; // in one test
-constexpr uint64_t pause_us = 5'000'000;
 constexpr uint32_t report_wait_s = 60;
 
 // The data of a test message: words in host order, as both ends are of one device.
@@ -44,6 +43,9 @@ static constinit std::atomic<uint8_t> g_qel_pt_inited{0};
 static constinit std::atomic<uint8_t> g_qel_pt_changed{0};
 static constinit std::atomic<clockid_t> g_qel_pt_clock_id{CLOCK_PROCESS_CPUTIME_ID};
 static constinit std::atomic<int32_t> g_node_mc_id{-1};
+
+constinit qel_pt_volume g_qel_pt_volume{
+    .send_bytes = 32'000'000, .rpc_bytes = 16'000'000, .messages_max = UINT32_MAX, .pause_us = 5'000'000};
 
 static constinit qel_mutex g_qel_pt_mutex;
 static constinit qel_cond g_qel_pt_cond;                                   // all reports are in
@@ -261,6 +263,11 @@ static uint32_t print_destination(const char *head, uint32_t size, int32_t desti
     return count;
 }
 
+// How many messages of @size bytes a test of @bytes is.
+static uint32_t message_count(uint32_t bytes, uint32_t size) noexcept {
+    return std::min(bytes / size, g_qel_pt_volume.messages_max);
+}
+
 static qel_msg *new_test_message(uint32_t size) noexcept {
     qel_msg *msg = qel_msg_alloc(static_cast<int32_t>(size - QEL_MSG_HDR_LEN), pt_version, 0);
     QEL_ASSERT(msg != NULL);
@@ -321,7 +328,7 @@ static void print_send_result(const char *what, const qel_pt_elapsed &elapsed, u
 }
 
 int qel_pt_test_send(uint32_t size, int32_t destination) noexcept {
-    const uint32_t count = send_bytes / size;
+    const uint32_t count = message_count(g_qel_pt_volume.send_bytes, size);
     qel_msg *msg = new_test_message(size);
     const uint32_t expected = print_destination("\nQEL_PT send", size, destination);
     {
@@ -369,7 +376,7 @@ static int call_one(qel_msg *msg, int32_t destination) noexcept {
 }
 
 int qel_pt_test_rpc(uint32_t size, int32_t destination) noexcept {
-    const uint32_t count = rpc_bytes / size;
+    const uint32_t count = message_count(g_qel_pt_volume.rpc_bytes, size);
     qel_msg *msg = new_test_message(size);
     (void)print_destination(is_group(destination) ? "QEL_PT RPC" : "\nQEL_PT RPC", size, destination);
     qel_pt_stamp start, end;
@@ -393,11 +400,11 @@ static int test_all_sizes(int32_t destination) noexcept {
         int ret = qel_pt_test_send(size, destination);
         if (ret != 0)
             return ret;
-        qel_sleep_us(pause_us);
+        qel_sleep_us(g_qel_pt_volume.pause_us);
         ret = qel_pt_test_rpc(size, destination);
         if (ret != 0)
             return ret;
-        qel_sleep_us(pause_us);
+        qel_sleep_us(g_qel_pt_volume.pause_us);
     }
     return 0;
 }

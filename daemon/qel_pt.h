@@ -20,6 +20,14 @@ void qel_performance_test() noexcept;
 int qel_pt_test_send(uint32_t size, int32_t destination) noexcept;
 int qel_pt_test_rpc(uint32_t size, int32_t destination) noexcept;
 
+// What one test moves at most, and the time to settle behind each. Tests of whole runs make it smaller before
+// the daemon starts; nothing else writes it.
+struct qel_pt_volume {
+    uint32_t send_bytes, rpc_bytes, messages_max;
+    uint64_t pause_us;
+};
+extern qel_pt_volume g_qel_pt_volume;
+
 extern "C" void qel_pt_msg_proc(qel_msg *msg);
 extern "C" void qel_pt_event_proc(qel_app_event event);
 

@@ -46,9 +46,9 @@ HELP = """\x20\x20
 
 
 class Console:
-    def __init__(self, node, *options, env=None):
+    def __init__(self, node, *options, env=None, program=(QELD,)):
         self.node = node
-        self.proc = node.spawn([QELD, *options], env=env, pty=True)
+        self.proc = node.spawn([*program, *options], env=env, pty=True)
         self.read = 0  # characters of the output that are behind us
 
     def since(self):
@@ -105,12 +105,81 @@ class Console:
         return [(m[1], int(m[2]), m[3]) for m in map(pattern.search, lines) if m]
 
 
+TEST_SIZES = (64, 256, 1024, 4096, 16384, 32768, 65536)  # of the performance test
+FIGURE = r"(\d+\.\d{3})"
+TIMES = rf"  absolute time {FIGURE}, system CPU time {FIGURE}, process CPU time {FIGURE}\."
+
+
+class PerformanceReport:
+    """What "qel performance test" printed, taken apart; ValueError at the first line that is not as it must
+    be in a run that went through.
+
+    .sends: (node or "group", size) -> {"sending" | "receiving" | "transmission": messages per second}
+    .calls: (node or "group", size) -> calls per second
+    """
+
+    def __init__(self, text, own_node, order):
+        """@order: the nodes as they were taken into the group, the own one among them."""
+        self.lines, self.at = text.split("\n"), 0
+        self.sends, self.calls = {}, {}
+        self.take("Uni-cast performance testing\\.")
+        for node in order:
+            phases = ["sending", *([] if node == own_node else ["receiving"]), "transmission"]
+            for size in TEST_SIZES:
+                self.sends[node, size] = self.send(size, rf"{node}\.", phases)
+                self.take("")
+                self.calls[node, size] = self.call(size, rf"{node}\.")
+        self.take("")
+        self.take("Multi-cast performance testing\\.")
+        others = "".join(rf"{node} " for node in order if node != own_node)
+        for size in TEST_SIZES:
+            self.sends["group", size] = self.send(size, others, ["sending", "transmission"])
+            self.calls["group", size] = self.call(size, others)
+        if self.lines[self.at:] not in ([], [""]):
+            raise ValueError(f"more than expected: {self.lines[self.at:]}")
+
+    def take(self, pattern):
+        line = self.lines[self.at] if self.at < len(self.lines) else None
+        match = re.fullmatch(pattern, line) if line is not None else None
+        if not match:
+            raise ValueError(f"line {self.at + 1} is {line!r}, not {pattern!r}")
+        self.at += 1
+        return match
+
+    def send(self, size, to, phases):
+        self.take("")
+        self.take(rf"QEL_PT send data length {size} to {to}")
+        rates = {}
+        for phase in phases:
+            self.take(rf"QEL_PT {phase} time test result per message \(in us\):")
+            self.take(TIMES)
+            speed = self.take(rf"QEL_PT {phase} speed (\d+) pps, {FIGURE} MBps, {FIGURE} Mbps\.")
+            rates[phase] = int(speed[1])
+        return rates
+
+    def call(self, size, to):
+        self.take(rf"QEL_PT RPC data length {size} to {to}")
+        self.take(r"QEL_PT RPC time test result per message \(in us\):")
+        rate = int(self.take(r"  RPCs per second: (\d+) rps\.")[1])
+        self.take(TIMES)
+        return rate
+
+
+def test_group(console):
+    """The nodes whose daemons have the performance test, in the order in which the group of @console's holds
+    them."""
+    for line in console.command(f"show qel app 6/{console.node.number} stat", 40):
+        if match := re.fullmatch(r"    ID 0x80000, members:((?: \d+)*)", line):
+            return [int(word) for word in match[1].split()]
+    return []
+
+
 class DaemonTest(SystemTest):
     nodes = 1
 
-    def console(self, node, *options, env=None):
+    def console(self, node, *options, env=None, program=(QELD,)):
         """A daemon whose console has come up."""
-        console = Console(self.node(node), *options, env=env)
+        console = Console(self.node(node), *options, env=env, program=program)
         console.until_prompt()
         return console
 

@@ -1,10 +1,9 @@
-"""Daemons of several nodes, and the performance test between them."""
+"""Daemons of several nodes."""
 import os
-import re
 import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../support"))
-from qel_agents import SANITIZED, main  # noqa: E402
+from qel_agents import main  # noqa: E402
 from qeld_console import DaemonTest  # noqa: E402
 
 
@@ -55,34 +54,6 @@ class Nodes(DaemonTest):
             self.daemon(3)
         self.eventually(lambda: console.command("show qel status")[1].endswith(" 3"), "node 3 is up again",
                         every=0.2)
-
-
-class PerformanceTest(DaemonTest):
-    nodes = 2
-
-    def test_it_begins_with_the_own_node_and_ends_when_somebody_joins(self):
-        console = self.daemon(1, "-pt")
-        self.assertEqual(console.applications(), [6])
-        console.proc.send("qel performance test")
-        # in the first pause of five seconds or before: the second node's test application comes up
-        self.eventually(lambda: "data length 64 to 1.\n" in console.since(), "it begins", 20)
-        self.console(2, "-pt")
-        text = console.until_prompt(120 if SANITIZED else 60)
-        lines = text.split("\n")
-        self.assertEqual(lines[:4], ["qel performance test", "Uni-cast performance testing.", "",
-                                     "QEL_PT send data length 64 to 1."])
-        self.assertEqual(lines[-2:],
-                         ["% QEL performance testing environment changed, please test again later.", ""])
-        self.assertNotIn("receiving", text, "the own node has no receiving lines")
-        number = r"\d+\.\d{3}"
-        times = rf"  absolute time {number}, system CPU time {number}, process CPU time {number}\."
-        allowed = re.compile(
-            r"QEL_PT (send|RPC) data length \d+ to \d+\."
-            rf"|QEL_PT (sending|transmission) time test result per message \(in us\):|{times}"
-            rf"|QEL_PT (sending|transmission) speed \d+ pps, {number} MBps, {number} Mbps\."
-            r"|QEL_PT RPC time test result per message \(in us\):|  RPCs per second: \d+ rps\.|")
-        for line in lines[3:-2]:
-            self.assertTrue(allowed.fullmatch(line), line)
 
 
 if __name__ == "__main__":

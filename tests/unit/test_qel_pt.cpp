@@ -129,6 +129,36 @@ TEST_F(qel_pt_setup, a_failing_registration_is_logged) {
     fails(-17, "> 3: % QEL_PT register to QEL failed: File exists.\n");
 }
 
+// Groups may be made for an application as soon as it is known, before the one that registers it is told so:
+// here by whoever reads that the registration is done.
+TEST_F(qel_pt_setup, a_group_that_cannot_be_made_is_logged_and_there_is_no_test) {
+    add_app(5); // the masks are read
+    static std::string told;
+    FILE *reader = fopencookie(nullptr, "w",
+                               {.read = nullptr,
+                                .write = [](void *, const char *text, size_t len) -> ssize_t {
+                                    told.append(text, len);
+                                    if (told.ends_with("registeration for app 6 [QEL_PT] OK.\n")) {
+                                        for (uint32_t i = 0; i < QEL_GROUPS_MAX; i++)
+                                            EXPECT_GT(qel_create_node_mcast(6), 0);
+                                    }
+                                    return static_cast<ssize_t>(len);
+                                },
+                                .seek = nullptr,
+                                .close = nullptr});
+    ASSERT_NE(reader, nullptr);
+    setlinebuf(reader);
+    qel_set_masks(2 | 8);
+    FILE *usual = std::exchange(stdout, reader);
+    EXPECT_EQ(qel_pt_init(), -ENOBUFS);
+    qel_performance_test();
+    stdout = usual;
+    fclose(reader);
+    EXPECT_NE(told.find("> 3: % QEL_PT create node-private-mcast failed: No buffer space available.\n"),
+              std::string::npos);
+    EXPECT_TRUE(told.ends_with(not_registered)) << told;
+}
+
 TEST_F(qel_pt_setup, a_failing_first_step_can_be_made_good_later) {
     qel_time::fail(qel_time::sys::cond_init, EAGAIN);
     EXPECT_EQ(qel_pt_init(), -EAGAIN);
