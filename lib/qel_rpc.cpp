@@ -114,12 +114,10 @@ int32_t qel_rpc_prepare_wait(uint32_t app_id, uint32_t seq, uint32_t timeout_s,
 }
 
 int32_t qel_rpc_set_wait(uint32_t app_id, uint32_t seq, uint32_t peer_app, uint32_t dst_node) noexcept {
-    qel_rpc_wait_mgmt *rpc = get_mgmt(app_id);
-    QEL_ASSERT(rpc != NULL);
-    qel_lock lock(rpc->mutex); // a termination may be walking the wait already
-    qel_rpc_wait *wait = __qel_get_rpc_wait(rpc, seq);
+    qel_rpc_wait *wait = qel_get_rpc_wait(app_id, seq);
     QEL_ASSERT(wait != NULL);
     QEL_ASSERT(qel_valid_node_id(dst_node));
+    qel_lock lock(get_mgmt(app_id)->mutex); // a termination may be walking the wait already
     if (wait->count >= QEL_REPLIES_MAX) {
         QEL_ERROR("QEL RPC wait reply num exceeds limit %d.\n", QEL_REPLIES_MAX);
         return -ENOBUFS;
@@ -350,11 +348,9 @@ int32_t qel_rpc_reply_app_mismatch(const qel_msg *request, const uint32_t range[
 void qel_rpc_print_wait(uint32_t app_id, uint32_t seq) noexcept {
     if (!(g_qel_dbg_level.load(std::memory_order_relaxed) & 1u << QEL_LEVEL_VERBOSE))
         return;
-    qel_rpc_wait_mgmt *rpc = get_mgmt(app_id);
-    QEL_ASSERT(rpc != NULL);
-    qel_lock lock(rpc->mutex);
-    const qel_rpc_wait *wait = __qel_get_rpc_wait(rpc, seq);
+    const qel_rpc_wait *wait = qel_get_rpc_wait(app_id, seq);
     QEL_ASSERT(wait != NULL);
+    qel_lock lock(get_mgmt(app_id)->mutex);
     flockfile(stdout);
     printf("QEL app %d seq %d wait for:", app_id, seq);
     for (int32_t i = 0; i < wait->count; i++)

@@ -302,9 +302,10 @@ QEL_API int qel_is_app_online(uint32_t node, uint32_t app) QEL_NOEXCEPT;
 #define QEL_SEND_NOT_SELF 0x4u
 
 /* Sends @msg to every server instance of @dst (an application, 0 or an application group) on whatever node.
- * Flow control admits at most 1025 unacknowledged messages towards any instance of an application; the call
- * waits while more are outstanding, without limit, or returns -11 with QEL_SEND_NOWAIT. If one member of a
- * group is refused, nothing is sent to any. @msg stays the caller's; its header is rewritten.
+ * While more than 1024 messages to any one instance of an application are unacknowledged, requests included,
+ * flow control holds every send to that application back: the call waits, without limit, or returns -11 with
+ * QEL_SEND_NOWAIT. If one member of a group is refused, nothing is sent to any. @msg stays the caller's; its
+ * header is rewritten.
  * Returns 0; -22 bad ID or null message; -2 no server or @app_id is not registered here; -11 refused without
  * waiting; -1 some datagram failed (the others were sent). */
 QEL_API int qel_send(uint32_t app_id, uint32_t dst, qel_msg *msg, uint32_t flags) QEL_NOEXCEPT;
@@ -334,7 +335,8 @@ QEL_API int qel_get_node_mbrs(uint32_t app_id, int32_t dst_node,
  * The replies are the caller's: qel_reply_msg_free(). @msg stays the caller's. @timeout_s is spent in slices
  * of 30 seconds: 5 lasts 30, and every reply that wakes any caller of this application spends a slice of
  * each. 0 waits without limit until the peer answers or quits. Not from a dispatcher or callback of an
- * application without thread (convention 4).
+ * application without thread (convention 4); and from one with a thread not to its own instance, which that
+ * very thread would have to answer: QEL_RPC_NOT_SELF.
  * Returns 0; -22 bad ID, null message or set; -2 no server or not registered here; -105 more than 64 peers;
  * -17 two calls drew the same sequence number at the same moment: call again; positive ETIMEDOUT when the
  * last reply and the deadline met. @set is empty whenever the result is not 0. */
@@ -402,8 +404,9 @@ QEL_API void qel_disable_blocked_resume(void) QEL_NOEXCEPT;
 
 /* A platform that has a watchdog defines these three in the program or in one of its libraries; the library
  * calls those that exist. @name is the thread's. Every thread that may block for long registers, feeds at
- * least once a minute (every 2 seconds on the receiving thread) and unregisters. They must not call the
- * library: locks of it may be held. */
+ * least once a minute (every 2 seconds on the receiving thread) and unregisters. A thread of the library
+ * whose dispatcher waits in a call registers a second time and then unregisters that: count them. They must
+ * not call the library: locks of it may be held. */
 void watchdog_register(const char *name) __attribute__((weak));
 void watchdog_feed(const char *name) __attribute__((weak));
 void watchdog_unregister(const char *name) __attribute__((weak));
