@@ -42,8 +42,9 @@
  *     that live, a message is lost only where the receiver's queue in the kernel overflows (see qel.conf(5)
  *     on priorities and net.tipc.tipc_rmem) or a link is cut. That a message did not come back is no proof
  *     that it arrived.
- *  7. fork() after the first registration and unloading the library are not supported. The library installs
- *     no signal handler and never changes the buffering of standard output.
+ *  7. Not supported: fork() after the first registration, unloading the library, calls from signal handlers,
+ *     pthread_cancel() of a thread inside a call (it ends the process). The library installs no signal
+ *     handler and never changes the buffering of standard output.
  */
 #ifndef QEL_H
 #define QEL_H
