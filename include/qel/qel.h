@@ -35,7 +35,8 @@
  *     but nothing watches that peer until the connection to the name server is made anew. An application is
  *     a peer of itself: one with dispatchers and an event callback gets a join event for its own node about
  *     a second after qel_run(), and sends to itself return -2 until then. Peers without dispatchers are not
- *     servers: they come online without a join event and receive nothing. If two applications of one process
+ *     servers: they come online without a join event and are nobody's destination; replies to their own calls
+ *     reach them. If two applications of one process
  *     declare the same peer, one set of presence bits serves both, and when the peer quits only the first of
  *     them gets the quit event.
  *  6. Delivery. Messages of one sender to one receiver arrive in order, each once. Between two processes
@@ -160,8 +161,8 @@ static inline uint32_t qel_msg_data_len(const qel_msg *msg) QEL_NOEXCEPT {
 /* A block of @size bytes, uninitialised, from malloc(). Never null: without memory the caller sleeps 10
  * microseconds and tries again, without limit. Give it back with free(). */
 static inline void *qel_malloc(size_t size) QEL_NOEXCEPT {
-#if defined(__STRICT_ANSI__) && !defined(__cplusplus)
-    extern int usleep(unsigned int); /* <unistd.h> hides it from strict C11 */
+#ifndef __cplusplus
+    extern int usleep(unsigned int); /* <unistd.h> hides it from strict C11 and from POSIX of 2008 */
 #endif
     void *p = malloc(size);
     while (p == NULL) {
@@ -405,9 +406,9 @@ QEL_API void qel_disable_blocked_resume(void) QEL_NOEXCEPT;
 
 /* A platform that has a watchdog defines these three in the program or in one of its libraries; the library
  * calls those that exist. @name is the thread's. Every thread that may block for long registers, feeds at
- * least once a minute (every 2 seconds on the receiving thread) and unregisters. A thread of the library
- * whose dispatcher waits in a call registers a second time and then unregisters that: count them. They must
- * not call the library: locks of it may be held. */
+ * least once a minute (every 2 seconds on the receiving thread) and unregisters. Registrations of one name
+ * nest and are to be counted: a thread that is registered already registers again around each wait of a send
+ * or a call, and threads may share a name. They must not call the library: locks of it may be held. */
 void watchdog_register(const char *name) __attribute__((weak));
 void watchdog_feed(const char *name) __attribute__((weak));
 void watchdog_unregister(const char *name) __attribute__((weak));

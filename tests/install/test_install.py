@@ -24,12 +24,13 @@ def run(*command, **options):
 
 
 class HeaderAlone(unittest.TestCase):
-    def compile(self, compiler, standard, language):
+    def compile(self, compiler, standard, language, *macros):
         with tempfile.TemporaryDirectory(prefix="qel-header-") as scratch:
             source = os.path.join(scratch, "alone." + language)
             with open(source, "w", encoding="ascii") as file:
                 file.write("#include <qel/qel.h>\n#include <qel/qel.h>\nint alone;\n")
-            run(compiler, "-std=" + standard, *STRICT, f"-I{SOURCE}/include", "-c", source, "-o", "/dev/null")
+            run(compiler, "-std=" + standard, *STRICT, *macros, f"-I{SOURCE}/include",
+                "-c", source, "-o", "/dev/null")
 
     def test_c11_by_gcc(self):
         self.compile("gcc", "c11", "c")
@@ -39,6 +40,13 @@ class HeaderAlone(unittest.TestCase):
 
     def test_gnu_c_by_gcc(self):
         self.compile("gcc", "gnu17", "c")
+
+    def test_c_of_programs_that_ask_for_one_posix_only(self):
+        for standard in "gnu17", "c11":
+            for macro in "-D_POSIX_C_SOURCE=200809L", "-D_XOPEN_SOURCE=700", "-D_GNU_SOURCE":
+                for compiler in "gcc", "clang":
+                    with self.subTest(standard=standard, macro=macro, compiler=compiler):
+                        self.compile(compiler, standard, "c", macro)
 
     def test_cpp20_by_gcc(self):
         self.compile("g++", "c++20", "cpp")
