@@ -123,10 +123,13 @@ struct QEL_SCOPED_CAPABILITY qel_lock {
 // Which step of making a condition on CLOCK_MONOTONIC failed.
 enum class qel_cond_step { none, attr_init, attr_clock, cond_init };
 
-struct qel_cond { // constant-initialised; init() puts it on CLOCK_MONOTONIC
+struct qel_cond { // constant-initialised; init() puts it on CLOCK_MONOTONIC, destroy() takes it back to that
     // @error receives the error number of the failed step. Nothing is left over after a failure.
     [[nodiscard]] qel_cond_step init(int &error) noexcept;
-    void destroy() noexcept { (void)pthread_cond_destroy(&c); }
+    void destroy() noexcept {
+        (void)pthread_cond_destroy(&c);
+        *this = {};
+    }
     // 0 when woken, ETIMEDOUT, or an error number.
     [[nodiscard]] int wait_until(qel_mutex &mutex, const timespec &deadline) noexcept QEL_REQUIRES(mutex) {
         return qel_sys_get().cond_timedwait(&c, &mutex.m, &deadline);

@@ -617,6 +617,16 @@ TEST_F(registration, a_run_before_any_registration_is_lost) {
     EXPECT_EQ(qel_fake::calls(op::bind).size(), 2u);
 }
 
+TEST_F(registration, a_run_after_a_start_that_failed_is_lost_and_finds_a_condition_fit_for_use) {
+    qel_time::fail(sys::atexit, 1);
+    ASSERT_EQ(add_app(5), -1);
+    const pthread_cond_t fresh = PTHREAD_COND_INITIALIZER;
+    EXPECT_EQ(memcmp(&g_qel_mng.running_cond.c, &fresh, sizeof fresh), 0) << "not a destroyed one";
+    EXPECT_EQ(qel_run(), 0);
+    EXPECT_EQ(add_app(5), 0) << "not refused";
+    EXPECT_TRUE(run());
+}
+
 TEST_F(registration, who_waits_for_running_feeds_the_watchdog_every_second) {
     ASSERT_EQ(add_app(5), 0);
     ASSERT_TRUE(qel_time::settle());
