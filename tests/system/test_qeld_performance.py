@@ -51,7 +51,7 @@ class PerformanceTest(DaemonTest):
                              "the own node is not put back")
             for rates in report.sends.values():
                 if rates["sending"]:  # else it was over within a millisecond
-                    self.assertGreaterEqual(rates["sending"], rates["transmission"], "a report before the end")
+                    self.assertGreaterEqual(rates["sending"], rates["transmission"], "reported early")
 
 
 if __name__ == "__main__":
