@@ -36,9 +36,8 @@
  *     a peer of itself: one with dispatchers and an event callback gets a join event for its own node about
  *     a second after qel_run(), and sends to itself return -2 until then. Peers without dispatchers are not
  *     servers: they come online without a join event and are nobody's destination; replies to their own calls
- *     reach them. If two applications of one process
- *     declare the same peer, one set of presence bits serves both, and when the peer quits only the first of
- *     them gets the quit event.
+ *     reach them. If two applications of one process declare the same peer, one set of presence bits serves
+ *     both, and when the peer quits only the first of them gets the quit event.
  *  6. Delivery. Messages of one sender to one receiver arrive in order, each once. Between two processes
  *     that live, a message is lost only where the receiver's queue in the kernel overflows (see qel.conf(5)
  *     on priorities and net.tipc.tipc_rmem) or a link is cut. That a message did not come back is no proof
