@@ -122,6 +122,8 @@ void qel_subscr_tipc_events(const char *watchdog_name) noexcept;
 // Take no lock. 0 or -1.
 int qel_subscr_app_events(uint32_t lower, uint32_t upper) noexcept;
 int qel_subscr_timer_event(uint32_t seconds, uint32_t type, uint32_t seq) noexcept;
+// Takes back a timer that was started so. One that cannot be taken back expires, and finds no record.
+void qel_cancel_timer_event(uint32_t seconds, uint32_t type, uint32_t seq) noexcept;
 // Cancels a subscription to [@lower, @upper]. The kernel matches the whole record, the time-out included.
 int qel_cancel_app_events(uint32_t lower, uint32_t upper, uint32_t timeout) noexcept;
 

@@ -121,16 +121,24 @@ int qel_cancel_app_events(uint32_t lower, uint32_t upper, uint32_t timeout) noex
 }
 
 // A one-shot timer: nobody publishes {1, 0}, so the server answers with the time-out and nothing else.
+static tipc_subscr timer(uint32_t seconds, uint32_t type, uint32_t seq, uint32_t filter) noexcept {
+    tipc_subscr s = subscription(TIPC_TOP_SRV, 0, 0, seconds * 1000, filter);
+    memcpy(s.usr_handle, &type, sizeof type);
+    memcpy(s.usr_handle + sizeof type, &seq, sizeof seq);
+    return s;
+}
+
 int qel_subscr_timer_event(uint32_t seconds, uint32_t type, uint32_t seq) noexcept {
     QEL_VERBOSE("QEL add timer event type %d, seq %d.\n", static_cast<int>(type), static_cast<int>(seq));
-    tipc_subscr subscr = subscription(TIPC_TOP_SRV, 0, 0, seconds * 1000, TIPC_SUB_SERVICE);
-    memcpy(subscr.usr_handle, &type, sizeof type);
-    memcpy(subscr.usr_handle + sizeof type, &seq, sizeof seq);
-    const int error = send_subscription(subscr);
+    const int error = send_subscription(timer(seconds, type, seq, TIPC_SUB_SERVICE));
     if (error == 0)
         return 0;
     QEL_ERROR("QEL send timer subscription msg failed: %s.\n,", strerror(error));
     return -1;
+}
+
+void qel_cancel_timer_event(uint32_t seconds, uint32_t type, uint32_t seq) noexcept {
+    (void)send_subscription(timer(seconds, type, seq, TIPC_SUB_SERVICE | TIPC_SUB_CANCEL));
 }
 
 void qel_subscr_tipc_events(const char *watchdog_name) noexcept {

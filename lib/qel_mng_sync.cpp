@@ -97,12 +97,19 @@ static bool may_warn(timespec &last) noexcept {
     return true;
 }
 
+static void __qel_free_resume(qel_resume_comm *resume) noexcept QEL_REQUIRES(g_lib_mutex) {
+    g_qel_mng.resumes.unlink(resume);
+    g_qel_mng.resume_index.remove(resume);
+    qel_delete(resume);
+}
+
+// The timer goes with its record: one message can hold thousands of syncs, each of which clears the resume of
+// the one before and starts another, and the list's bound is to be the bound of the timers.
 void __qel_clear_resume_comm(uint32_t peer_app, uint32_t node) noexcept {
     while (qel_resume_comm *resume = g_qel_mng.resume_index.first(qel_peer_key(peer_app, node))) {
         QEL_VERBOSE("QEL clear resume comm to %d/%d.\n", static_cast<int>(peer_app), static_cast<int>(node));
-        g_qel_mng.resumes.unlink(resume);
-        g_qel_mng.resume_index.remove(resume);
-        qel_delete(resume);
+        qel_cancel_timer_event(qel_resume_s, QEL_TIMER_RESUME, resume->timer_seq);
+        __qel_free_resume(resume);
     }
 }
 
@@ -146,9 +153,7 @@ void qel_resume_timer_expired(uint32_t timer_seq) noexcept {
             peer_app = resume.peer_app;
             node = resume.peer_node;
             found = true;
-            g_qel_mng.resumes.unlink(&resume);
-            g_qel_mng.resume_index.remove(&resume);
-            qel_delete(&resume);
+            __qel_free_resume(&resume);
         }
     }
     if (!found)

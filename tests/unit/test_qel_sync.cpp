@@ -907,9 +907,33 @@ TEST_F(qel_sync, a_second_plain_sync_replaces_the_resume_of_the_first_and_starts
     EXPECT_EQ(resumes(), 1u);
     out.take();
     pass(30s);
-    EXPECT_EQ(out.take(), "<qel_mng> 0: QEL perceived timer event of type 0 seq 101.\n") << "the first one's";
+    EXPECT_EQ(out.take(), "") << "the first one's timer went with it";
     pass(30s);
     EXPECT_TRUE(out.has("<qel_mng> 3: QEL resume communication to 7/2.\n"));
+}
+
+TEST_F(qel_sync, a_resume_that_is_cleared_gives_its_timer_back_by_the_same_28_bytes) {
+    begin({5}, {{5, 7}});
+    receive(5, sync_of(7, 2, 5));
+    const tipc_subscr timer = timer_subscription(60000, 0, 101);
+    ASSERT_EQ(qel_fake::calls(op::send).back().data, as_bytes(timer));
+    publish(7, 2);
+    tipc_subscr cancel = timer;
+    cancel.filter |= TIPC_SUB_CANCEL;
+    EXPECT_EQ(qel_fake::calls(op::send).back().data, as_bytes(cancel));
+    EXPECT_THAT(timers(0), ElementsAre());
+}
+
+TEST_F(qel_sync, a_timer_that_cannot_be_given_back_is_no_matter_and_not_told) {
+    begin({5}, {{5, 7}});
+    receive(5, sync_of(7, 2, 5));
+    out.take();
+    qel_fake::fail(op::send, EPIPE);
+    qel_app_inst_try_quit(7, 2);
+    EXPECT_EQ(out.take(), "<qel_mng> 0: QEL clear resume comm to 7/2.\n");
+    EXPECT_EQ(resumes(), 0u);
+    pass(60s);
+    EXPECT_EQ(out.take(), "<qel_mng> 0: QEL perceived timer event of type 0 seq 101.\n");
 }
 
 TEST_F(qel_sync, a_resume_sends_one_sync_with_resume_for_each_subscriber_and_forgets_pending_ones) {
@@ -1016,6 +1040,19 @@ TEST_F(qel_sync, at_most_4096_resumes_are_listed_and_the_rest_gets_one_line_a_se
     settle();
     EXPECT_EQ(resumes(), 4096u);
     EXPECT_EQ(out.take(), "");
+}
+
+TEST_F(qel_sync, however_many_syncs_an_instance_sends_one_timer_of_the_kernel_is_held_for_it) {
+    begin({5}, {{5, 7}});
+    qel_set_masks(0);
+    bytes one = sync_of(7, 2, 5), many(one.begin(), one.begin() + 36);
+    for (int i = 0; i < 2730; i++) // as many as a message holds
+        many.insert(many.end(), one.begin() + 36, one.end());
+    qel_store_be32(&many[4], static_cast<uint32_t>(many.size()));
+    receive(5, many);
+    EXPECT_EQ(take_sent().size(), 2730u);
+    EXPECT_EQ(resumes(), 1u);
+    EXPECT_EQ(timers(0).size(), 1u);
 }
 
 TEST_F(qel_sync, at_most_4096_resends_are_listed_and_the_rest_is_dumped_with_one_line_a_second) {
