@@ -245,8 +245,9 @@ static void receive_data(qel_app_mng *slot, uint32_t app_id, unsigned char *data
     classify_msg(slot, app_id, msg);
 }
 
-// Walks the control records of a receive without data. True when the receive is to count as failed.
-static bool walk_control(qel_app_mng *slot, uint32_t app_id, size_t control_len) noexcept {
+// Walks the control records of a receive without data. True when the receive is to count as failed, with the
+// @error of the call that did; the records behind it are walked all the same.
+static bool walk_control(qel_app_mng *slot, uint32_t app_id, size_t control_len, int &error) noexcept {
     bool failed = false;
     size_t at = 0;
     while (control_len >= sizeof(cmsghdr) && at <= control_len - sizeof(cmsghdr)) {
@@ -270,8 +271,9 @@ static bool walk_control(qel_app_mng *slot, uint32_t app_id, size_t control_len)
             socklen_t type_len = sizeof type;
             const int32_t sd = slot->info->sd;
             if (qel_port_get().getsockopt(sd, SOL_SOCKET, SO_TYPE, &type, &type_len) != 0) {
+                error = errno;
                 QEL_ERROR("QEL app %d get socket %d option failed: %s.\n", static_cast<int>(app_id), sd,
-                          strerror(errno));
+                          strerror(error));
                 failed = true;
             } else if ((type == SOCK_STREAM || type == SOCK_SEQPACKET) && code != TIPC_CONN_SHUTDOWN) {
                 failed = true;
@@ -341,16 +343,15 @@ void qel_rx_app_socket(uint32_t index) noexcept {
     header.msg_controllen = sizeof rx.control;
     // Without waiting: a datagram of no length makes poll say readable, then there is nothing to receive.
     const ssize_t ret = qel_port_get().recvmsg(slot->info->sd, &header, MSG_DONTWAIT);
-    const int error = ret < 0 ? errno : 0;
+    int error = ret < 0 ? errno : 0;
     if (error == EAGAIN)
         return; // there was nothing: no trace of it
     QEL_VERBOSE("QEL app %d recv new msg.\n", static_cast<int>(app_id));
     if (ret < 0) {
         receive_exception(app_id, error);
     } else if (ret == 0) {
-        errno = 0;
-        if (walk_control(slot, app_id, std::min<size_t>(header.msg_controllen, sizeof rx.control)))
-            receive_exception(app_id, errno);
+        if (walk_control(slot, app_id, std::min<size_t>(header.msg_controllen, sizeof rx.control), error))
+            receive_exception(app_id, error);
     } else {
         receive_data(slot, app_id, data, std::min<size_t>(static_cast<size_t>(ret), rx_bytes_max));
     }

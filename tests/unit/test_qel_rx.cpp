@@ -1301,6 +1301,13 @@ TEST_F(qel_rx_return, when_the_socket_type_cannot_be_read_the_receive_counts_as_
     EXPECT_EQ(exceptions(5), 1u);
 }
 
+TEST_F(qel_rx_return, a_failed_receive_is_told_with_its_own_error_whatever_the_other_records_led_to) {
+    qel_fake::fail(op::getsockopt, ENOPROTOOPT);
+    come_back(our_ack()); // is kept, and a timer started: calls that leave their own errno
+    EXPECT_EQ(resends(), 1u);
+    EXPECT_TRUE(out.has("<qel_mng> 3: QEL recv app 5 msg failed: Protocol not available.\n")) << out.text();
+}
+
 TEST_F(qel_rx_return, a_failed_receive_still_walks_the_other_records) {
     qel_fake::fail(op::getsockopt, ENOPROTOOPT);
     come_back(ours());
