@@ -258,7 +258,9 @@ static bool mng_item(qel_msg *msg, const qel_tlv_list &list) noexcept {
         if (qel_blocked_resume_enabled()) {
             QEL_ERROR("QEL app %d abort the process requested by %d/%d.\n", static_cast<int>(app),
                       static_cast<int>(src_app), static_cast<int>(src_node));
-            fflush(stdout);
+            // Only for that line: the application may be stuck just because its standard output is.
+            if (g_qel_dbg_level.load(std::memory_order_relaxed) & 1u << QEL_LEVEL_ERROR)
+                fflush(stdout);
             qel_dm_close_files();
             abort();
         }

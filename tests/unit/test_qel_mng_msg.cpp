@@ -782,6 +782,22 @@ TEST_F(qel_engine, a_reload_request_with_both_switches_on_is_told_closes_the_fil
     EXPECT_THAT(log, HasSubstr(line)) << "the log is on disk";
 }
 
+TEST_F(qel_engine, a_reload_request_aborts_also_a_process_whose_standard_output_is_held) {
+    set_conf("[MISC_CONF]\nqel_blocked_resume_enabled = true\n");
+    const qel_child child = qel_run_child([this] {
+        begin({5}, {{5, 7}});
+        qel_enable_blocked_resume();
+        shake_hands(7, 2);
+        qel_set_masks(0);
+        alarm(60);
+        flockfile(stdout); // as a thread does that waits in printf() for a reader
+        deliver(5, wire({.flags = 8, .src_app = 7, .src_node = 2, .dst_app = 5}, tlv(8)));
+        pause();
+    });
+    ASSERT_TRUE(WIFSIGNALED(child.status)) << child.output;
+    EXPECT_EQ(WTERMSIG(child.status), SIGABRT);
+}
+
 // ---- the daemon ------------------------------------------------------------------------------------------
 
 struct qel_mng_msg_daemon : qel_engine {
