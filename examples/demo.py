@@ -62,6 +62,7 @@ class Screen:
         self.ended.set()
         self.thread.join()
         self.flush()
+        self.shown.clear()  # what comes later is not this screen's
 
 
 class Demo:
@@ -209,8 +210,8 @@ class Demo:
         self.screen.close()
         print(f"""
 This is node 1 of three, on the local transport. Applications: monitor {MONITOR} here; sensor {SENSOR},
-calculator {CALCULATOR} and meter {METER} on every node. Try "show qel status",
-"show qel app {SENSOR}/2 stat"; "quit" ends it.
+calculator {CALCULATOR} and meter {METER} on every node. In two seconds, when the daemon knows them, try
+"show qel status", "show qel app {SENSOR}/2 stat"; "quit" ends it.
 """, flush=True)
         node = self.cluster.node(1)
         subprocess.run([QELD, "-pt"], env=node.environment({}), check=False)
@@ -221,8 +222,9 @@ calculator {CALCULATOR} and meter {METER} on every node. Try "show qel status",
 
 def main():
     parser = argparse.ArgumentParser(prog="demo.sh", add_help=True)
-    parser.add_argument("--kernel", action="store_true", help="over the kernel's TIPC, in user-mode-linux")
-    parser.add_argument("--shell", action="store_true", help="leave me in the console of node 1")
+    mode = parser.add_mutually_exclusive_group()
+    mode.add_argument("--kernel", action="store_true", help="over the kernel's TIPC, in user-mode-linux")
+    mode.add_argument("--shell", action="store_true", help="leave me in the console of node 1")
     arguments = parser.parse_args()
     if arguments.shell and not sys.stdin.isatty():
         print("demo.sh: --shell needs a terminal", file=sys.stderr)
@@ -251,4 +253,7 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:  # everything has been cleaned up on the way here
+        sys.exit(128 + signal.SIGINT)

@@ -1,7 +1,10 @@
 """The demonstration ends well: on the local transport or, with QEL_TEST_BACKEND=netns, on the kernel's."""
+import fcntl
 import os
+import pty
+import select
 import subprocess
-import sys
+import termios
 import time
 import unittest
 
@@ -36,6 +39,43 @@ class Demo(unittest.TestCase):
         self.assertIn("build first", done.stdout)
         self.assertEqual(self.run_demo("--shell").returncode, 2, "there is no terminal")
         self.assertEqual(self.run_demo("--unknown").returncode, 2)
+        self.assertEqual(self.run_demo("--kernel", "--shell").returncode, 2, "one or the other")
+
+    def run_shell(self, last_input, before=None):
+        """Ends the demonstration by what is typed at its console. @before: a command and what it must show
+        first, however often it takes. Gives the exit status and what followed the last input."""
+        terminal, others = pty.openpty()
+        with open(terminal, "r+b", buffering=0) as screen:
+            demo = subprocess.Popen([DEMO, "--shell"], env={**os.environ, "QEL_BUILD_DIR": BUILD},
+                                    stdin=others, stdout=others, stderr=others, start_new_session=True,
+                                    preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+            os.close(others)
+            text, typed, end = b"", 0, time.monotonic() + 60
+            while time.monotonic() < end and select.select([screen], [], [], end - time.monotonic())[0]:
+                try:
+                    text += screen.read(4096)
+                except OSError:  # nobody has the terminal any more
+                    break
+                if not text.endswith(b"(qel)"):
+                    continue
+                if before and before[1] not in text[typed:]:
+                    time.sleep(0.1)
+                    screen.write(before[0])
+                else:
+                    before = None
+                    screen.write(last_input)
+                typed = len(text)
+            return demo.wait(10), text[typed:].decode().replace("\r\n", "\n")
+
+    @unittest.skipIf(KERNEL, "the shell is on the local transport")
+    def test_its_shell_ends_with_the_console_and_leaves_nothing_behind_on_the_screen(self):
+        status, text = self.run_shell(b"quit\n", before=(b"show debug\n", b"  Applications: 100."))
+        self.assertEqual((status, text), (0, "quit\n"))
+
+    @unittest.skipIf(KERNEL, "the shell is on the local transport")
+    def test_its_shell_ends_at_an_interrupt(self):
+        status, text = self.run_shell(b"\x03")
+        self.assertEqual((status, text), (130, "^C"))
 
 
 if __name__ == "__main__":
