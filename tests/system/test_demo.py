@@ -59,7 +59,7 @@ class Demo(unittest.TestCase):
                 if not text.endswith(b"(qel)"):
                     continue
                 if before and before[1] not in text[typed:]:
-                    time.sleep(0.1)
+                    select.select([screen], [], [], 0.1)  # the next try in a moment
                     screen.write(before[0])
                 else:
                     before = None
