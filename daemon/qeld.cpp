@@ -31,7 +31,8 @@ static const char usage_text[] = "Usage: \n"
 
 static void print_usage() noexcept { puts(usage_text); }
 
-// The directory is open to everybody, so the path may hold a link or a pipe that somebody put there.
+// The directory is open to everybody, so the path may hold a link of either kind, or a pipe, that
+// somebody put there.
 uint32_t qeld_already_run() noexcept {
     static const char file_name[] = "/qeld.pid";
     char dir[64];
@@ -41,7 +42,7 @@ uint32_t qeld_already_run() noexcept {
     snprintf(path, sizeof path, "%s%s", dir, file_name);
 
     const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0777);
-    if (fd < 0) {
+    if (fd < 0 || !qel_dm_has_one_name(fd)) {
         QEL_ERROR("QELD open PID file %s failed: %s.\n", path, strerror(errno));
         return 1;
     }

@@ -113,17 +113,22 @@ void qel_dm_remove_obsolete_files(const char *dir, const char *prefix) noexcept 
         unlink(files[i].path);
 }
 
-// Directories of the log are open to everybody: no link is followed, no pipe is waited for or written to (its
-// reader could go and leave us with SIGPIPE), and the mode is set on what was opened.
-static FILE *open_new_file(const char *path) noexcept {
-    qel_fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0777));
+bool qel_dm_has_one_name(int fd) noexcept {
     struct stat st;
-    if (!fd || fstat(fd.fd, &st) != 0)
+    if (fstat(fd, &st) != 0)
+        return false;
+    if (st.st_nlink > 1)
+        errno = EMLINK;
+    return st.st_nlink <= 1;
+}
+
+// Directories of the log are open to everybody: no symbolic link is followed, nothing of several names is
+// touched, no pipe is waited for or written to (its reader could go and leave us with SIGPIPE; a pipe cannot
+// be truncated), and the mode is set on what was opened.
+static FILE *open_new_file(const char *path) noexcept {
+    qel_fd fd(open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0777));
+    if (!fd || !qel_dm_has_one_name(fd.fd) || ftruncate(fd.fd, 0) != 0)
         return nullptr;
-    if (!S_ISREG(st.st_mode)) {
-        errno = ENXIO; // as the kernel says of a pipe that nobody reads
-        return nullptr;
-    }
     (void)fchmod(fd.fd, 0777);
     FILE *file = fdopen(fd.fd, "w");
     if (file)

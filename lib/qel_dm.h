@@ -17,6 +17,10 @@ void qel_dm_init() noexcept;
 // -1.
 int qel_make_log_dir(char *buf, size_t size) noexcept;
 
+// Whether the file has no other name: one in this directory, which is open to everybody, could be a hard link
+// to a file that its owner would not want overwritten. False leaves the reason in errno.
+bool qel_dm_has_one_name(int fd) noexcept;
+
 // Of the files in @dir whose names begin with @prefix keeps the 5 newest; looks at 25 at most.
 void qel_dm_remove_obsolete_files(const char *dir, const char *prefix) noexcept;
 

@@ -250,6 +250,23 @@ TEST_F(dm, a_planted_link_is_not_followed) {
                            stat_path().c_str()));
 }
 
+TEST_F(dm, a_planted_hard_link_is_left_alone) {
+    qel_set_masks(0xF, 0);
+    write_file(dir + "/victim", "precious");
+    fs::permissions(dir + "/victim", fs::perms::owner_read | fs::perms::owner_write);
+    fs::create_directories(log_dir);
+    fs::create_hard_link(dir + "/victim", log_path());
+    fs::create_hard_link(dir + "/victim", stat_path());
+    qel_capture out;
+    qel_dm_init();
+    EXPECT_EQ(
+        out.take(),
+        qel_line("qel_dm", X, "QEL open debug log file %s failed: Too many links.\n", log_path().c_str()) +
+            qel_line("qel_dm", X, "QEL open stat file %s failed: Too many links.\n", stat_path().c_str()));
+    EXPECT_EQ(read_file(dir + "/victim"), "precious");
+    EXPECT_EQ(mode_of(dir + "/victim"), 0600u);
+}
+
 TEST_F(dm, a_planted_pipe_does_not_stop_the_process) {
     qel_set_masks(0xF, 0);
     fs::create_directories(log_dir);
@@ -274,11 +291,10 @@ TEST_F(dm, a_planted_pipe_with_a_reader_is_not_written_to) {
     ASSERT_GE(stat_reader, 0);
     qel_capture out;
     qel_dm_init();
-    EXPECT_EQ(out.take(),
-              qel_line("qel_dm", X, "QEL open debug log file %s failed: No such device or address.\n",
-                       log_path().c_str()) +
-                  qel_line("qel_dm", X, "QEL open stat file %s failed: No such device or address.\n",
-                           stat_path().c_str()));
+    EXPECT_EQ(
+        out.take(),
+        qel_line("qel_dm", X, "QEL open debug log file %s failed: Invalid argument.\n", log_path().c_str()) +
+            qel_line("qel_dm", X, "QEL open stat file %s failed: Invalid argument.\n", stat_path().c_str()));
     EXPECT_EQ(g_qel_log_fp, nullptr);
     EXPECT_EQ(g_qel_stat_fp, nullptr);
     close(log_reader);

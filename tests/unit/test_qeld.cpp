@@ -202,6 +202,19 @@ TEST_F(qeld, a_link_in_place_of_the_file_is_not_followed) {
     EXPECT_EQ(read_file(victim), "precious");
 }
 
+TEST_F(qeld, a_hard_link_in_place_of_the_file_is_left_alone) {
+    make_log_dir();
+    const std::string victim = dir + "/victim";
+    write_file(victim, "precious");
+    ASSERT_EQ(chmod(victim.c_str(), 0600), 0);
+    ASSERT_EQ(link(victim.c_str(), pid_file.c_str()), 0);
+    fails_with("QELD open PID file " + pid_file + " failed: Too many links.\n");
+    EXPECT_EQ(read_file(victim), "precious");
+    struct stat st {};
+    ASSERT_EQ(stat(victim.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+}
+
 TEST_F(qeld, a_directory_in_place_of_the_file_is_told) {
     make_log_dir();
     ASSERT_EQ(mkdir(pid_file.c_str(), 0777), 0);
