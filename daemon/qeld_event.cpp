@@ -44,7 +44,7 @@ struct qeld_work {
 };
 
 struct qeld_work_state {
-    qel_mutex mutex; // a leaf, taken by reader and worker only
+    qel_mutex mutex; // taken by reader and worker only; before that of application 1's calls, else alone
     qel_cond cond;   // something was queued
     qel_list<qeld_work, offsetof(qeld_work, link)> list QEL_GUARDED_BY(mutex);
     qel_hash<qeld_work, offsetof(qeld_work, by_app)> index QEL_GUARDED_BY(mutex);
@@ -96,16 +96,12 @@ static void work_add_event(qeld_work_kind kind, uint32_t app_id) noexcept {
         work_append(kind, app_id);
 }
 
-// Ends the worker's wait for an application that is gone.
+// Ends the worker's wait for an application that is gone. Under the lock, so that it is this wait and not the
+// next one, for the same application's next life.
 static void work_end_vain_wait() noexcept {
-    uint32_t app_id = 0;
-    {
-        qel_lock lock(g_work.mutex);
-        if (g_work.asked_in_vain)
-            app_id = g_work.asked_app;
-    }
-    if (app_id)
-        (void)qel_terminate_rpc(daemon_app, app_id, static_cast<uint32_t>(qel_get_my_node_id()));
+    qel_lock lock(g_work.mutex);
+    if (g_work.asked_in_vain)
+        (void)qel_terminate_rpc(daemon_app, g_work.asked_app, static_cast<uint32_t>(qel_get_my_node_id()));
 }
 
 static bool work_waits_in_vain() noexcept {
