@@ -372,7 +372,7 @@ TEST_F(rpc_refused, more_than_64_peers_are_refused_before_anything_is_sent) {
     serve(me, 7, nodes(65));
     serve(me, 8, nodes(33));
     serve(me, 9, nodes(32));
-    const uint32_t two_members = app_group({8, 9});
+    const uint32_t two_members = app_group({8, 9}), and_more = app_group({8, 9, 7});
     const int32_t many = node_group(nodes(64));
     const msg_ptr msg = new_msg();
     qel_capture out;
@@ -391,6 +391,8 @@ TEST_F(rpc_refused, more_than_64_peers_are_refused_before_anything_is_sent) {
     EXPECT_EQ(whole(), totals(0, 0, 2));
     refused(two_members, many);
     EXPECT_EQ(whole(), totals(0, 0, 3));
+    refused(and_more, QEL_ANY_NODE); // of the members behind the one that is too many nothing is said
+    EXPECT_EQ(whole(), totals(0, 0, 4));
     EXPECT_TRUE(take_sent().empty());
     EXPECT_EQ(msg->hdr.flags, 0xFF) << "not even the header was written";
 }
