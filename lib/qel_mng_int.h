@@ -151,6 +151,8 @@ uint32_t qel_get_inst_sync_id(uint32_t app_id, uint32_t peer_app, uint32_t node)
 void __qel_add_inst_sync_msg(qel_msg *msg) noexcept QEL_REQUIRES(g_lib_mutex); // owns @msg from now on
 qel_unack_sync *__qel_find_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node,
                                          uint32_t seq) noexcept QEL_REQUIRES(g_lib_mutex);
+// A sync to the instance waits for its acknowledgement.
+bool qel_is_sync_under_way(uint32_t peer_app, uint32_t node) noexcept;
 int qel_del_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node,
                           uint32_t seq) noexcept; // 0 or -2
 void __qel_clear_sync_inst_msg(uint32_t peer_app, uint32_t node) noexcept QEL_REQUIRES(g_lib_mutex);

@@ -99,12 +99,16 @@ struct clipped_range {
 
 static void published(const tipc_event &event) noexcept {
     QEL_VERBOSE("QEL perceived app [0x%x, 0x%x] join.\n", event.found_lower, event.found_upper);
+    const bool one = event.found_lower == event.found_upper;
     const clipped_range range(event);
     for (uint64_t i = range.lower; i <= range.upper; i++) {
         const uint32_t app = instance_app(static_cast<uint32_t>(i)),
                        node = instance_node(static_cast<uint32_t>(i));
         QEL_WARN("QEL perceived app %d/%d join.\n", static_cast<int>(app), static_cast<int>(node));
-        qel_app_inst_join(app, node, 0);
+        // An instance's own name is announced once in its life, but ranges may overlap as often as
+        // their publisher likes: they add no sync to one under way, or the syncs kept would have no limit.
+        if (one || !qel_is_sync_under_way(app, node))
+            qel_app_inst_join(app, node, 0);
     }
 }
 

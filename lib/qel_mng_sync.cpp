@@ -70,6 +70,11 @@ qel_unack_sync *__qel_find_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uin
     return unack;
 }
 
+bool qel_is_sync_under_way(uint32_t peer_app, uint32_t node) noexcept {
+    qel_lock lock(g_lib_mutex);
+    return g_qel_mng.unack_index.first(qel_peer_key(peer_app, node)) != nullptr;
+}
+
 int qel_del_inst_sync_msg(uint32_t app_id, uint32_t peer_app, uint32_t node, uint32_t seq) noexcept {
     qel_lock lock(g_lib_mutex);
     qel_unack_sync *unack = __qel_find_inst_sync_msg(app_id, peer_app, node, seq);

@@ -543,6 +543,20 @@ TEST_F(qel_rx, an_event_about_everything_ends_and_concerns_the_subscribed_applic
     EXPECT_EQ(lines.back(), "QEL perceived app 7/65535 quit.\n");
 }
 
+TEST_F(qel_rx, overlapping_ranges_add_no_sync_to_one_under_way_but_the_name_of_an_instance_does) {
+    begin({5, 9}, {{5, 7}, {9, 7}});
+    for (uint32_t lower = 0x70000; lower < 0x70010; lower++)
+        topology_event(TIPC_PUBLISHED, lower, 0x7000F + (lower & 3), 7);
+    EXPECT_EQ(take_sent().size(), 2 * 19u) << "one for each of the two, to each instance";
+    EXPECT_EQ(unacks(), 2 * 19u);
+    topology_event(TIPC_PUBLISHED, 0x70002, 0x70002, 7);
+    EXPECT_EQ(unacks_to(7, 2), 4u);
+    topology_event(TIPC_WITHDRAWN, 0x70000, 0x70012, 7);
+    EXPECT_EQ(unacks(), 0u);
+    topology_event(TIPC_PUBLISHED, 0x70000, 0x70012, 7);
+    EXPECT_EQ(unacks(), 2 * 19u);
+}
+
 TEST_F(qel_rx, a_range_across_applications_is_clipped_to_the_subscribed_one) {
     begin({5}, {{5, 7}});
     qel_set_masks(1u << W);
