@@ -319,11 +319,11 @@ static void qel_rx_return(qel_app_mng *slot, unsigned char *data, size_t size) n
         if (named && hdr.src_app == app_id && hdr.len == size &&
             size >= QEL_MSG_HDR_LEN + qel_sync_data_len && qel_load_be16(section) == qel_sync_data_len &&
             (qel_load_be16(section + 2) == QEL_TLV_SYNC_ACK || qel_load_be16(section + 2) == QEL_TLV_SYNC)) {
-            qel_msg *again = qel_msg_alloc(static_cast<int32_t>(size - QEL_MSG_HDR_LEN), 0, 0);
-            QEL_ASSERT(again != NULL);
-            memcpy(&again->hdr, data, size);
-            if (!qel_add_sync_resend(again))
-                free(again);
+            qel_msg *msg = qel_msg_alloc(static_cast<int32_t>(size - QEL_MSG_HDR_LEN), 0, 0);
+            QEL_ASSERT(msg != NULL);
+            memcpy(&msg->hdr, data, size);
+            if (!qel_add_sync_resend(msg))
+                free(msg);
         }
     } else if (named) {
         if (app_id == 1)
