@@ -18,6 +18,7 @@ sys.path.insert(0, os.path.join(SOURCE, "tests/support"))
 from qeld_console import HELP, PROMPT, DaemonTest  # noqa: E402
 
 CTRL_BACKSLASH = "\x1c"
+UNITS = (("qeld.service", "qeld.service"), ("qeld@.service", "qeld@tty8.service"))
 
 
 class Packaged(DaemonTest):
@@ -52,7 +53,7 @@ class Packaged(DaemonTest):
     def test_systemd_accepts_the_units(self):
         if not shutil.which("systemd-analyze"):
             self.skipTest("no systemd-analyze")
-        for name, instance in (("qeld.service", "qeld.service"), ("qeld@.service", "qeld@tty8.service")):
+        for name, instance in UNITS:
             path = os.path.join(self.scratch, instance)
             with open(path, "w", encoding="ascii") as file:
                 file.write(self.unit(name))
@@ -60,6 +61,12 @@ class Packaged(DaemonTest):
                                     text=True, timeout=60)
             complaints = [line for line in result.stderr.splitlines() if "qeld" in line]
             self.assertEqual((result.returncode, complaints), (0, []), name)
+
+    def test_the_units_start_the_daemon_again_however_often_it_ends(self):
+        for name, _ in UNITS:
+            unit, _, service = self.unit(name).partition("[Service]\n")
+            self.assertIn("\nStartLimitIntervalSec=0\n", unit, name)
+            self.assertIn("\nRestart=always\n", service, name)
 
     def test_systemd_accepts_the_directories(self):
         if not shutil.which("systemd-tmpfiles"):
@@ -70,12 +77,17 @@ class Packaged(DaemonTest):
             file.write("root:x:0:0::/:/bin/sh\n")
         with open(os.path.join(root, "etc/group"), "w", encoding="ascii") as file:
             file.write("root:x:0:\n")
-        result = subprocess.run(["systemd-tmpfiles", "--create", "--root=" + root,
-                                 os.path.join(self.prefix, "lib/tmpfiles.d/qel.conf")],
+        lines = os.path.join(root, "etc/qel.conf")
+        with open(lines, "w", encoding="ascii") as file:
+            file.write(self.installed("lib/tmpfiles.d/qel.conf").replace("\n#f+ ", "\nf+ "))
+        result = subprocess.run(["systemd-tmpfiles", "--create", "--root=" + root, lines],
                                 capture_output=True, text=True, timeout=60)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         self.assertEqual(stat.S_IMODE(os.stat(os.path.join(root, "velt/dev/qel")).st_mode), 0o1777)
+        self.assertEqual(stat.S_IMODE(os.stat(os.path.join(root, "velt/dev/qel/qeld.pid")).st_mode), 0o777)
         self.assertEqual(stat.S_IMODE(os.stat(os.path.join(root, "tmp/addr")).st_mode), 0o755)
+        with open(os.path.join(root, "tmp/addr/.qel_node_addr"), encoding="ascii") as file:
+            self.assertEqual(file.read(), "5", "the line for the node's number")
 
     def attach(self, socket):
         return self.node(1).spawn([self.prefix + "/bin/qeld-console"], env={"QELD_CONSOLE": socket}, pty=True)
@@ -147,6 +159,8 @@ class Packaged(DaemonTest):
 
         agent = self.agent(1, {20: []})
         self.assertEqual(agent.call("confmbrs", 0x3000), [3, 20, 21, 22])
+        self.assertIn("QEL get app 20 config failed.", agent.proc.output, "it has read the whole table")
+        self.assertNotIn("invalid config item", agent.proc.output)
 
     def test_the_files_for_boot_are_there(self):
         self.assertEqual(self.installed("lib/modules-load.d/qel.conf").splitlines()[-1], "tipc")
