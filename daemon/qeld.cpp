@@ -83,7 +83,19 @@ uint32_t qeld_already_run() noexcept {
     return 0;
 }
 
+// A standard stream that was closed by whoever started this must not become a file or socket of ours, into
+// which the console would print.
+static void open_standard_streams() noexcept {
+    int fd;
+    do
+        fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
+
 int main(int argc, char **argv) {
+    open_standard_streams();
     enum { option_pt = 1, option_help = 2 };
     static const option options[] = {{"pt", no_argument, nullptr, option_pt},
                                      {"help", no_argument, nullptr, option_help},

@@ -42,6 +42,14 @@ class Start(DaemonTest):
         self.assertEqual(proc.output, "")
         self.assertIn("stty", proc.err_text)
 
+    def test_with_a_closed_standard_stream_nothing_is_printed_into_its_files(self):
+        for closed in ("1>&-", "2>&-", "1>&- 2>&-"):
+            console = self.node(1).spawn(["/bin/sh", "-c", f"echo $$; exec {QELD} {closed}"], pty=True)
+            console.send("debug qel app 5 loud")
+            console.send("quit")
+            self.assertEqual(console.wait(), 1, closed)
+            self.assertEqual(self.read(self.pid_file()), console.lines[0] + "\n", closed)
+
     def test_a_terminal_set_up_that_cannot_be_waited_for_ends_it_with_0(self):
         # with SIGCHLD ignored the child leaves no status behind
         code = "import os, signal as s, sys; s.signal(s.SIGCHLD, s.SIG_IGN); os.execl(*sys.argv[1:])"
