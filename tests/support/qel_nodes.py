@@ -4,12 +4,12 @@
 
     with Cluster(nodes=2) as cluster:                   # the back end: see below
         a, b = cluster.node(1), cluster.node(2)
-        a.write_conf("[MISC_CONF]\\nqel_log_level = 15\\n")
+        a.write_conf("[MISC_CONF]\\nqel_log_cfg = 15\\n")
         daemon = a.spawn([QELD], pty=True)
-        daemon.expect(r"^started")                      # over whole lines, waits up to 10 s
-        daemon.send("show status")
-        match = daemon.expect(r"apps: (\\d+)", timeout=3)
-        daemon.expect_prompt(r"qeld> $")                # text without an end of line yet
+        daemon.expect(r"^  valid commands")             # over whole lines, waits up to 10 s
+        daemon.send("show qel status")
+        match = daemon.expect(r"current node ID: (\\d+)", timeout=3)
+        daemon.expect_prompt(r"\\(qel\\)$")             # text without an end of line yet
         peer = b.spawn([AGENT, "5"], env={"X": "1"})
         peer.kill(signal.SIGSTOP); peer.kill(signal.SIGCONT); peer.kill(signal.SIGKILL)
         assert peer.wait(5) == -signal.SIGKILL
