@@ -23,6 +23,7 @@ constexpr size_t events_per_connection_max = 1'000'000;
 constexpr size_t events_max = 4'000'000;
 constexpr size_t subscriptions_max = 65'535;
 constexpr uint32_t publications_per_node_max = 65'535;
+constexpr uint32_t reserved_types = 64;
 constexpr uint32_t bump_each_max = 256; // a wider name raises all generations
 constexpr uint64_t ms_ns = 1'000'000;
 
@@ -392,6 +393,12 @@ static bool is_eventfd(int fd) {
     return !strcmp(target, "anon_inode:[eventfd]");
 }
 
+static bool same_file(int a, int b) {
+    struct stat x {
+    }, y{};
+    return fstat(a, &x) == 0 && fstat(b, &y) == 0 && x.st_dev == y.st_dev && x.st_ino == y.st_ino;
+}
+
 int server::enroll(connection &c, const qel_fabric_request &q, std::vector<qel_fd> &fds,
                    qel_fabric_reply &r) {
     if (fds.size() != 2 || !is_eventfd(fds[1].fd))
@@ -400,6 +407,9 @@ int server::enroll(connection &c, const qel_fabric_request &q, std::vector<qel_f
     if (qel_lq_map_file(look, fds[0].fd) != 0)
         return EINVAL;
     qel_lq_unmap(look);
+    for (const auto &job : jobs_)
+        if (same_file(job->e->queue_fd.fd, fds[0].fd))
+            return EAGAIN; // of a process whose connection was lost: it is closed first
     (void)fcntl(fds[1].fd, F_SETFL, O_NONBLOCK);
     uint32_t ref = q.ref;
     if (ref == 0 || endpoints_.contains(ref)) {
@@ -438,7 +448,7 @@ int server::bind(connection &c, const qel_fabric_request &q) {
     endpoint *e = endpoint_of(c, q.ref);
     if (!e || q.lower > q.upper)
         return EINVAL;
-    if (q.type < 64)
+    if (q.type < reserved_types)
         return EACCES;
     uint32_t &count = node_publications_[e->node];
     if (count >= publications_per_node_max)
@@ -490,10 +500,8 @@ uint32_t server::congested_ms(uint32_t from, uint32_t to) const {
 int server::resolve(connection &c, const qel_fabric_request &q, qel_fabric_reply &r) {
     r.gen = page_->gens[qel_fabric_gen_index(q.type, q.lower)].load(std::memory_order_relaxed);
     std::vector<publication *> found;
-    names_.lookup(q.type, q.lower, q.node, c.node, found);
-    found.erase(std::remove_if(found.begin(), found.end(),
-                               [this](const publication *p) { return !endpoints_.contains(p->ref); }),
-                found.end());
+    if (q.type >= reserved_types) // the others are the fabric's own and have no queue
+        names_.lookup(q.type, q.lower, q.node, c.node, found);
     if (found.empty())
         return EHOSTUNREACH;
     r.ref = congested_ms(c.node, found[0]->node);
@@ -585,10 +593,16 @@ server::progress server::return_message(closing_job &job, const qel_lq_meta &met
     back.droppable = true;
     endpoint &sender = *at->second;
     if (qel_lq_write(sender.q, back, data, qel_lq_patience::once) == qel_lq_put::busy) {
+        // Whoever keeps its lock is waited for once, not once for every message.
+        if (!sender.busy_since_ns)
+            sender.busy_since_ns = now_ns_;
+        if (now_ns_ - sender.busy_since_ns >= lock_patience_ns)
+            return progress::more; // lost
         if (lose_return_)
             returns_--;
         return progress::wait;
     }
+    sender.busy_since_ns = 0;
     const uint64_t sleeper = qel_lq_sleeper(sender.q);
     pollfd room = {sender.event_fd.fd, POLLOUT, 0};
     if (sleeper && sleeper != sender.woken && ::poll(&room, 1, 0) == 1 && (room.revents & POLLOUT)) {
@@ -601,35 +615,27 @@ server::progress server::return_message(closing_job &job, const qel_lq_meta &met
 
 server::progress server::job_step(closing_job &job) {
     endpoint &e = *job.e;
-    const bool late = now_ns_ >= job.give_up_ns;
     if (!map_queue(e))
         return progress::done;
     if (!job.closed) {
         if (!qel_lq_close(e.q, qel_lq_patience::once)) {
-            if (!late)
+            if (now_ns_ < job.give_up_ns)
                 return progress::wait;
             qel_lq_close_by_force(e.q);
         }
         job.closed = true;
-        job.give_up_ns = now_ns_ + lock_patience_ns;
         if (!qel_lq_reader_of_dead(e.q, job.reader))
             return progress::done;
     }
     for (int i = 0; i < records_per_round; i++) {
         qel_lq_meta meta{};
+        if (job.reader.head == job.reader.tail) // no further: others may still write to its memory
+            return progress::done;
         if (qel_lq_peek(e.q, job.reader, meta) != qel_lq_get::record)
             return progress::done;
-        switch (return_message(job, meta)) {
-        case progress::done:
-            return progress::done;
-        case progress::wait:
-            if (!late)
-                return progress::wait;
-            break; // lost
-        case progress::more:
-            job.give_up_ns = now_ns_ + lock_patience_ns;
-            break;
-        }
+        const progress p = return_message(job, meta);
+        if (p != progress::more)
+            return p;
         if (!qel_lq_consume(e.q, job.reader, meta))
             return progress::done;
     }
@@ -686,8 +692,11 @@ bool server::jobs_run() {
 }
 
 void server::node_up(uint32_t node) {
-    if (node_processes_[node]++ == 0 && node)
+    if (node_processes_[node]++ > 0)
+        return;
+    if (node)
         node_names_[node] = names_.publish(TIPC_NODE_STATE, node, node, TIPC_CLUSTER_SCOPE, 0, node);
+    bump_all(); // whether a port number there is unreachable or gives messages back
 }
 void server::node_down(uint32_t node) {
     if (--node_processes_[node] > 0)
@@ -698,6 +707,7 @@ void server::node_down(uint32_t node) {
         names_.withdraw(at->second);
         node_names_.erase(at);
     }
+    bump_all();
 }
 
 // ---- topology -------------------------------------------------------------------------------------------
@@ -795,8 +805,12 @@ void server::flush_events(connection &c) {
     }
     if (sent) // after the send: whoever sees the number finds the event
         page_->event_count.fetch_add(1, std::memory_order_release);
-    if (c.events.size() > events_per_connection_max || events_waiting_ > events_max)
+    if (c.events.size() > events_per_connection_max)
         c.dead = true;
+    if (events_waiting_ > events_max) // at the cost of the one that reads least
+        std::max_element(connections_.begin(), connections_.end(), [](const auto &a, const auto &b) {
+            return a.second->events.size() < b.second->events.size();
+        })->second->dead = true;
     if (blocked != c.wants_out)
         watch(c, blocked);
 }

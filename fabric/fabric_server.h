@@ -40,6 +40,7 @@ struct endpoint {
     std::vector<std::unique_ptr<bound_name>> names;
     qel_lq q; // mapped while messages are returned to or from it
     uint64_t woken = 0;
+    uint64_t busy_since_ns = 0; // when its lock was first found taken, until it is free
     bool closing = false;
 };
 
@@ -49,7 +50,7 @@ struct closing_job {
     endpoint *e = nullptr;
     bool closed = false; // the queue takes nothing more
     qel_lq_reader reader;
-    uint64_t give_up_ns = 0; // somebody keeps a lock: the rest is lost then
+    uint64_t give_up_ns = 0; // when a queue whose lock somebody keeps is closed by force
     bool asked = false;      // by a request, which is to be answered
     uint32_t request_number = 0;
 };

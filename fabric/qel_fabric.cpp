@@ -69,11 +69,13 @@ static int control(const char *command) {
     FILE *out = reply.error ? stderr : stdout;
     while ((got = qel_fabric_recv(fd.fd, data, sizeof data, nullptr, 0, none, 0)) > 0)
         (void)fwrite(data, 1, static_cast<size_t>(got), out);
+    if (got < 0)
+        return fail("no more answer from the fabric at", dir);
     return reply.error ? 1 : fflush(out) == 0 ? 0 : 1;
 }
 
-// The directory, its lock and the listening socket. -1: one line was printed.
-static int open_directory(const char *path, qel_fd &dir, qel_fd &lock) {
+// The directory, locked, and the listening socket. -1: one line was printed.
+static int open_directory(const char *path, qel_fd &dir) {
     if (mkdir(path, 0700) != 0 && errno != EEXIST)
         return fail("cannot make directory", path), -1;
     dir.reset(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -89,10 +91,8 @@ static int open_directory(const char *path, qel_fd &dir, qel_fd &lock) {
                 st.st_mode & 07777);
         return -1;
     }
-    lock.reset(openat(dir.fd, qel_fabric_lock_name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!lock)
-        return fail("cannot open the lock in", path), -1;
-    if (flock(lock.fd, LOCK_EX | LOCK_NB) != 0) {
+    // The directory itself is locked: a file in it could be removed, and a second fabric take its place.
+    if (flock(dir.fd, LOCK_EX | LOCK_NB) != 0) {
         if (errno == EWOULDBLOCK)
             fprintf(stderr, "qel-fabric: another one serves directory %s\n", path);
         else
@@ -155,8 +155,8 @@ int main(int argc, char **argv) {
     if (!signals)
         return fail("cannot take", "signals");
 
-    qel_fd dir, lock;
-    const int listen_fd = open_directory(path, dir, lock);
+    qel_fd dir;
+    const int listen_fd = open_directory(path, dir);
     if (listen_fd < 0)
         return 1;
     fabric::server server;

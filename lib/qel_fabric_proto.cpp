@@ -48,6 +48,10 @@ int qel_fabric_connect(qel_fabric_kind kind, uint32_t node) noexcept {
             errno = ECONNREFUSED;
         return -1;
     }
+    const timeval patience = {qel_fabric_patience_s, 0};
+    if (setsockopt(fd.fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience) != 0 ||
+        setsockopt(fd.fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0)
+        return -1;
     sockaddr_un address;
     qel_fabric_address(address, path, dir.fd);
     while (::connect(fd.fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {

@@ -19,7 +19,7 @@
 constexpr uint32_t qel_fabric_magic = 0x514C4642;
 constexpr uint32_t qel_fabric_version = 1;
 constexpr char qel_fabric_socket_name[] = "socket";
-constexpr char qel_fabric_lock_name[] = "lock";
+constexpr uint32_t qel_fabric_patience_s = 10; // one that does not answer for so long is as good as dead
 
 enum class qel_fabric_kind : uint32_t { process = 1, topology = 2, control = 3 };
 
@@ -130,8 +130,9 @@ bool qel_fabric_dir(char (&path)[qel_fabric_dir_max]) noexcept;
 // holds. Valid while @dir_fd stays open.
 void qel_fabric_address(sockaddr_un &address, const char *path, int dir_fd) noexcept;
 
-// A connection to the fabric of this process's environment, the hello already sent. -1 and errno:
-// ENOENT no directory is named; ECONNREFUSED no fabric serves it; EPERM it belongs to another user.
+// A connection to the fabric of this process's environment, the hello already sent; sending and receiving on
+// it give up (EAGAIN) after qel_fabric_patience_s. -1 and errno: ENOENT no directory is named; ECONNREFUSED
+// no fabric serves it; EAGAIN it takes no connections; EPERM it belongs to another user.
 int qel_fabric_connect(qel_fabric_kind kind, uint32_t node) noexcept;
 
 // One datagram with descriptors. Results as those of sendmsg and recvmsg; no signal, EINTR is retried.

@@ -185,8 +185,6 @@ static int local_connect(int fd, const sockaddr *addr, socklen_t len) {
     qel_fd made(qel_fabric_connect(qel_fabric_kind::topology, qel_local_node()));
     if (!made)
         return fail(errno == ENOENT ? ECONNREFUSED : errno);
-    const timeval patience = {10, 0}, forever = {0, 0};
-    (void)setsockopt(made.fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     std::byte raw[sizeof(qel_fabric_reply) + 1];
     size_t none = 0;
     const ssize_t got = qel_fabric_recv(made.fd, raw, sizeof raw, nullptr, 0, none, 0);
@@ -195,7 +193,9 @@ static int local_connect(int fd, const sockaddr *addr, socklen_t len) {
         return fail(ECONNREFUSED);
     if (reply.error)
         return fail(reply.error);
+    const timeval forever = {0, 0};
     (void)setsockopt(made.fd, SOL_SOCKET, SO_RCVTIMEO, &forever, sizeof forever);
+    (void)setsockopt(made.fd, SOL_SOCKET, SO_SNDTIMEO, &forever, sizeof forever);
     const int fd_flags = fcntl(fd, F_GETFD);
     if (s->nonblocking.load(std::memory_order_relaxed))
         (void)fcntl(made.fd, F_SETFL, O_NONBLOCK);
@@ -524,7 +524,9 @@ static ssize_t receive_datagram(qel_local_socket &s, msghdr &msg, int flags) {
     const bool wait = !(flags & MSG_DONTWAIT) && !s.nonblocking.load(std::memory_order_relaxed);
     for (;;) {
         qel_lq_meta meta;
-        switch (qel_lq_peek(s.target->q, s.reader, meta)) {
+        // Closed while its owner lives: what was in it has gone back to the senders.
+        switch (qel_lq_is_closed(s.target->q) ? qel_lq_get::broken
+                                              : qel_lq_peek(s.target->q, s.reader, meta)) {
         case qel_lq_get::record:
             if (meta.size == 0 && meta.code == 0) { // the kernel throws these away here
                 if (!qel_lq_consume(s.target->q, s.reader, meta)) {
@@ -608,7 +610,8 @@ static ssize_t local_recv(int fd, void *data, size_t len, int flags) {
 
 static short queue_events(qel_local_socket &s, short wanted) {
     short events = static_cast<short>(wanted & (POLLOUT | POLLWRNORM));
-    if ((wanted & (POLLIN | POLLRDNORM)) && qel_lq_readable(s.target->q, s.reader))
+    if ((wanted & (POLLIN | POLLRDNORM)) &&
+        (qel_lq_readable(s.target->q, s.reader) || qel_lq_is_closed(s.target->q)))
         events = static_cast<short>(events | (wanted & (POLLIN | POLLRDNORM)));
     return events;
 }

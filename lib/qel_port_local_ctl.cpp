@@ -19,7 +19,6 @@
 #include "qel_cfg.h"
 
 constexpr uint32_t ctl_retry_ms = 100;
-constexpr uint32_t ctl_reply_s = 10; // a fabric that does not answer for so long is as good as dead
 constexpr uint32_t targets_per_chunk = 64;
 constexpr uint32_t target_chunks = 64; // 4,096 targets
 constexpr uint32_t cache_sets = 512;
@@ -75,7 +74,7 @@ const qel_fabric_page *qel_local_page() noexcept { return g_page.load(std::memor
 static uint32_t my_node() QEL_REQUIRES(g_ctl_mutex) {
     if (!g_ctl.node_known) {
         const int32_t id = qel_get_my_node_id();
-        g_ctl.node_known = id >= 0;
+        g_ctl.node_known = true; // also when there is none: the fabric is told once
         g_ctl.node = id >= 0 ? 0x01001000u + (static_cast<uint32_t>(id) & 0xFFF) : 0;
     }
     return g_ctl.node;
@@ -195,8 +194,11 @@ void qel_local_target_wake(qel_local_target &t) noexcept {
 static void disconnect() QEL_REQUIRES(g_ctl_mutex) {
     g_ctl_fd.store(-1, std::memory_order_relaxed);
     g_session.fetch_add(1, std::memory_order_seq_cst); // every cached name is stale
-    if (g_ctl.fd >= 0)
+    if (g_ctl.fd >= 0) {
+        // Also for a thread that polls it and for a forked child's copy: the fabric is to see the end now.
+        (void)::shutdown(g_ctl.fd, SHUT_RDWR);
         ::close(g_ctl.fd);
+    }
     g_ctl.fd = -1;
 }
 
@@ -290,9 +292,6 @@ static int connect_now() QEL_REQUIRES(g_ctl_mutex) {
     qel_fd fd(qel_fabric_connect(qel_fabric_kind::process, my_node()));
     if (!fd)
         return errno;
-    const timeval patience = {ctl_reply_s, 0};
-    (void)setsockopt(fd.fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    (void)setsockopt(fd.fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     std::byte raw[sizeof(qel_fabric_reply) + 1];
     int page_fd = -1;
     size_t fd_count = 0;
@@ -313,6 +312,11 @@ static int connect_now() QEL_REQUIRES(g_ctl_mutex) {
         if (error) {
             disconnect();
             return error;
+        }
+        // A fabric that lost the connection took the owner for dead: the reader is to start the queue anew.
+        if (qel_lq_is_closed(s.target->q)) {
+            const uint64_t one = 1;
+            [[maybe_unused]] const ssize_t written = ::write(s.fd, &one, sizeof one);
         }
     }
     g_session.fetch_add(1, std::memory_order_seq_cst);

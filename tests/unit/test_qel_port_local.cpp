@@ -390,6 +390,13 @@ int role_idle(uint32_t sockets) {
     return 0;
 }
 
+// The error of a datagram to the topology server.
+int role_to_server() {
+    sock s;
+    const sockaddr_tipc a = name_address(TIPC_TOP_SRV, TIPC_TOP_SRV);
+    return port.sendto(s.fd, "hello", 5, 0, generic(a), sizeof a) < 0 ? errno : 0;
+}
+
 // The error that a socket gets.
 int role_refused() { return port.socket(AF_TIPC, SOCK_RDM, 0) < 0 ? errno : 0; }
 
@@ -405,10 +412,28 @@ int run_role(const std::string &name, const std::string &argument) {
         return role_count(argument);
     if (name == "idle")
         return role_idle(number);
+    if (name == "to-server")
+        return role_to_server();
     if (name == "refused")
         return role_refused();
     return 99;
 }
+
+// The queue of this process's only datagram socket, mapped once more.
+struct own_queue {
+    qel_lq q;
+    own_queue() {
+        for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
+            std::error_code error;
+            if (fs::read_symlink(entry.path(), error).string().starts_with("/memfd:qel-queue")) {
+                EXPECT_EQ(qel_lq_map_file(q, std::stoi(entry.path().filename())), 0);
+                return;
+            }
+        }
+    }
+    ~own_queue() { qel_lq_unmap(q); }
+    unsigned char *bytes() { return reinterpret_cast<unsigned char *>(q.shared); }
+};
 
 // ---- the program ------------------------------------------------------------------------------------------
 
@@ -463,6 +488,23 @@ TEST_F(fabric_process, ends_with_a_clear_error_where_another_one_serves) {
     EXPECT_EQ(p.wait(), 1);
     sock s;
     EXPECT_GE(s.fd, 0) << "the first one still serves";
+}
+
+TEST_F(fabric_process, serves_alone_also_when_its_directory_was_emptied) {
+    start();
+    for (const auto &entry : fs::directory_iterator(fabric_dir()))
+        fs::remove(entry.path());
+    process p({fabric_program(), "--ready-fd", "1"}, {}, true);
+    EXPECT_EQ(p.line(), "qel-fabric: another one serves directory " + fabric_dir());
+}
+
+TEST_F(fabric_process, a_command_to_one_that_stands_still_ends_with_an_error) {
+    start();
+    kill(fabric->pid, SIGSTOP);
+    int status = 0;
+    EXPECT_EQ(control("list", &status),
+              "qel-fabric: no answer from the fabric at \"" + fabric_dir() + "\"\n");
+    EXPECT_EQ(status, 1);
 }
 
 TEST_F(fabric_process, removes_its_socket_when_it_is_asked_to_end) {
@@ -632,6 +674,41 @@ TEST_F(local_port, when_the_fabric_dies_topology_connections_end_and_names_are_g
     EXPECT_EQ(s.send(1, "hello"), -EHOSTUNREACH);
     const std::string text = testing::internal::GetCapturedStderr();
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+}
+
+TEST_F(local_port, sockets_that_a_fabric_took_for_dead_receive_again) {
+    start();
+    std::vector<std::unique_ptr<sock>> all;
+    for (uint32_t i = 1; i <= 20; i++)
+        all.push_back(std::make_unique<sock>(i));
+    testing::internal::CaptureStderr();
+    fabric->kill();
+    // One that has no room for all of them: the connection ends with some of them taken.
+    fabric = std::make_unique<process>(
+        strings{"/bin/sh", "-c", "ulimit -n 30; exec \"$0\" --ready-fd 1", fabric_program()},
+        std::map<std::string, std::string>{});
+    ASSERT_EQ(fabric->line(), "");
+    pollfd p = {all[0]->fd, POLLIN, 0};
+    port.poll(&p, 1, 500);
+    fabric->kill();
+    start();
+    std::vector<bool> heard(all.size());
+    const auto end = steady_clock::now() + seconds(20);
+    while (std::find(heard.begin(), heard.end(), false) != heard.end() && steady_clock::now() < end) {
+        for (uint32_t i = 0; i < all.size(); i++) {
+            if (heard[i])
+                continue;
+            (void)all[0]->send(i + 1, "hello");
+            for (;;) {
+                const received r = all[i]->receive();
+                heard[i] = heard[i] || r.data == "hello";
+                if (r.result < 0 && r.error != EIO)
+                    break;
+            }
+        }
+    }
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), true), 20);
+    (void)testing::internal::GetCapturedStderr();
 }
 
 TEST_F(local_port, a_new_fabric_gets_every_living_socket_back) {
@@ -811,6 +888,87 @@ TEST_F(local_port, unread_messages_come_back_in_order_before_the_withdrawal) {
     }
 }
 
+TEST_F(local_port, a_dead_receiver_is_withdrawn_soon_however_many_messages_a_frozen_sender_gets_back) {
+    start();
+    sock frozen;
+    own_queue its;
+    ASSERT_NE(its.q.shared, nullptr);
+    sock s;
+    topology t;
+    t.subscribe(sock::type, 1, 1);
+    auto receiver = role("hold", "1", 2);
+    ASSERT_EQ(receiver->line(), "ready");
+    ASSERT_EQ(t.next(), "P[1,1]");
+    constexpr int messages = 3000;
+    for (int i = 0; i < messages; i++) {
+        ASSERT_EQ(frozen.send(1, "a"), 1);
+        ASSERT_EQ(s.send(1, "b"), 1);
+    }
+    qel_lq_lock_for_test(its.q); // as a writer would that is stopped inside
+    const auto begin = steady_clock::now();
+    receiver->kill();
+    EXPECT_EQ(t.next(), "W[1,1]");
+    EXPECT_LT(steady_clock::now() - begin, seconds(6));
+    for (int i = 0; i < messages; i++)
+        EXPECT_EQ(s.receive().code, uint32_t{TIPC_ERR_NO_PORT});
+}
+
+TEST_F(local_port, a_dead_receiver_gives_back_what_it_had_at_its_end_whatever_others_write_to_its_memory) {
+    start();
+    sock s(2);
+    topology t;
+    t.subscribe(sock::type, 1, 1);
+    // Where the queue says that it is closed.
+    qel_fd file(qel_lq_create_file());
+    qel_lq q;
+    ASSERT_EQ(qel_lq_map_file(q, file.fd), 0);
+    auto *bytes = reinterpret_cast<unsigned char *>(q.shared);
+    ASSERT_TRUE(qel_lq_close(q, qel_lq_patience::once));
+    const auto closed = static_cast<size_t>(std::find(bytes, bytes + 4096, 1) - bytes);
+    ASSERT_LT(closed, 4096u);
+    bytes[closed] = 0;
+
+    qel_lq_init(q, uint64_t{1} << 40);
+    qel_lq_meta meta{};
+    ASSERT_EQ(s.send(2, "who am I"), 8);
+    meta.src_ref = s.next().from.ref;
+    meta.src_node = 0x01001001;
+    constexpr int messages = 12'000; // which take the fabric a while
+    const std::string data(1000, 'x');
+    meta.size = 1000;
+    for (int i = 0; i < messages; i++)
+        ASSERT_EQ(qel_lq_write(q, meta, data.data(), qel_lq_patience::bounded), qel_lq_put::ok);
+    {
+        qel_fd dead(qel_fabric_connect(qel_fabric_kind::process, 0x01001002));
+        char page[200];
+        ASSERT_GT(recv(dead.fd, page, sizeof page, 0), 0);
+        qel_fd event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        const int fds[2] = {file.fd, event.fd};
+        qel_fabric_request request{};
+        qel_fabric_reply reply{};
+        request.op = static_cast<uint32_t>(qel_fabric_op::enroll);
+        ASSERT_GT(qel_fabric_send(dead.fd, &request, sizeof request, fds, 2, 0), 0);
+        ASSERT_EQ(recv(dead.fd, &reply, sizeof reply, 0), ssize_t{sizeof reply});
+        request.op = static_cast<uint32_t>(qel_fabric_op::bind);
+        request.ref = reply.ref;
+        request.type = sock::type;
+        request.lower = request.upper = 1;
+        ASSERT_GT(qel_fabric_send(dead.fd, &request, sizeof request, nullptr, 0, 0), 0);
+        ASSERT_EQ(t.next(), "P[1,1]");
+    }
+    // Opened again as soon as the fabric has closed it, and written to.
+    while (!qel_lq_is_closed(q)) {
+    }
+    bytes[closed] = 0;
+    meta.size = 4;
+    ASSERT_EQ(qel_lq_write(q, meta, "late", qel_lq_patience::bounded), qel_lq_put::ok);
+    EXPECT_EQ(t.next(), "W[1,1]");
+    for (int i = 0; i < messages; i++)
+        ASSERT_EQ(s.receive().data, data);
+    EXPECT_EQ(s.receive().error, EAGAIN);
+    qel_lq_unmap(q);
+}
+
 TEST_F(local_port, a_frozen_sender_does_not_keep_a_dead_receiver_published) {
     start();
     auto receiver = role("hold", "1", 2);
@@ -826,22 +984,6 @@ TEST_F(local_port, a_frozen_sender_does_not_keep_a_dead_receiver_published) {
 }
 
 // ---- damage and hostility ---------------------------------------------------------------------------------
-
-// The queue of this process's only datagram socket, mapped once more.
-struct own_queue {
-    qel_lq q;
-    own_queue() {
-        for (const auto &entry : fs::directory_iterator("/proc/self/fd")) {
-            std::error_code error;
-            if (fs::read_symlink(entry.path(), error).string().starts_with("/memfd:qel-queue")) {
-                EXPECT_EQ(qel_lq_map_file(q, std::stoi(entry.path().filename())), 0);
-                return;
-            }
-        }
-    }
-    ~own_queue() { qel_lq_unmap(q); }
-    unsigned char *bytes() { return reinterpret_cast<unsigned char *>(q.shared); }
-};
 
 TEST_F(local_port, a_damaged_queue_reports_an_error_once_and_goes_on) {
     start();
@@ -1024,7 +1166,45 @@ TEST_F(local_port, a_subscription_beyond_the_limit_ends_its_connection) {
     EXPECT_EQ(first.next(), "P[9,9]") << "the others live on";
 }
 
+TEST_F(local_port, subscribers_that_do_not_read_are_dropped_before_those_that_do) {
+    if (slow > 1)
+        GTEST_SKIP() << "four million waiting events take too much memory with a sanitizer";
+    start();
+    sock s;
+    constexpr uint32_t names = 9'000;
+    for (uint32_t i = 0; i < names; i++)
+        ASSERT_EQ(s.bind(i), 0);
+    std::vector<std::unique_ptr<topology>> deaf;
+    for (int i = 0; i < 5; i++) {
+        deaf.push_back(std::make_unique<topology>());
+        for (int k = 0; k < (i < 4 ? 98 : 50); k++)
+            deaf.back()->subscribe(sock::type, 0, 2 * names);
+    }
+    topology good;
+    good.subscribe(sock::type, names, 2 * names);
+    for (uint32_t i = names; i < names + 300; i++) { // on which the 4,000,000th waits
+        ASSERT_EQ(s.bind(i), 0);
+        ASSERT_EQ(good.next(), "P[" + std::to_string(i) + "," + std::to_string(i) + "]");
+    }
+    int dropped = 0;
+    for (auto &d : deaf) {
+        pollfd p = {d->fd, 0, 0};
+        dropped += port.poll(&p, 1, 0) == 1 && (p.revents & POLLHUP);
+    }
+    EXPECT_EQ(dropped, 1);
+}
+
 // ---- names ------------------------------------------------------------------------------------------------
+
+TEST_F(local_port, a_datagram_to_the_topology_servers_name_reaches_nobody) {
+    for (int round = 0; round < 10; round++) { // port numbers start at random
+        start();
+        process p({fs::read_symlink("/proc/self/exe").string(), "--role", "to-server", ""},
+                  {{"QEL_ROOT", dir}});
+        EXPECT_EQ(p.wait(), EHOSTUNREACH);
+        fabric->kill();
+    }
+}
 
 TEST_F(local_port, messages_go_round_over_more_binders_than_a_reply_names) {
     start();
@@ -1089,6 +1269,29 @@ TEST_F(local_port, port_numbers_that_nobody_has_give_messages_back_while_the_nod
 }
 
 // ---- poll and wake-ups ------------------------------------------------------------------------------------
+
+TEST_F(local_port, a_port_number_is_unreachable_when_the_last_process_of_its_node_is_gone) {
+    start();
+    auto last = role("hold", "5", 2);
+    ASSERT_EQ(last->line(), "ready");
+    auto far = role("echo", "6", 2);
+    ASSERT_EQ(far->line(), "ready");
+    topology t;
+    t.subscribe(sock::type, 5, 6);
+    ASSERT_EQ(t.next(), "P[5,5]");
+    ASSERT_EQ(t.next(), "P[6,6]");
+    sock s;
+    ASSERT_EQ(s.send(6, "hello"), 5);
+    const tipc_socket_addr id = s.next().from;
+    far->kill();
+    ASSERT_EQ(t.next(), "W[6,6]");
+    ASSERT_EQ(s.send(id, "hello"), 5);
+    EXPECT_EQ(s.next().code, uint32_t{TIPC_ERR_NO_PORT});
+    last->kill();
+    ASSERT_EQ(t.next(), "W[5,5]");
+    (void)control("list"); // the node went with the last of its sockets
+    EXPECT_EQ(s.send(id, "hello"), -EHOSTUNREACH);
+}
 
 TEST_F(local_port, a_flood_of_messages_does_not_hide_events_from_poll) {
     start();
