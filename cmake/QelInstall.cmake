@@ -23,11 +23,19 @@ foreach(section 1 3 5 7 8)
     endif()
 endforeach()
 
-# The module must be loaded and its buffers sized before the daemon starts; the unit names a terminal.
-foreach(unit qeld.service qeld@.service)
-    configure_file(packaging/${unit}.in ${unit} @ONLY)
-    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${unit} DESTINATION lib/systemd/system)
-endforeach()
+# The module must be loaded and its buffers sized before the daemon starts. The units name the daemon by its
+# whole path, and where that is `cmake --install --prefix` decides.
+install(CODE "set(unit_templates \"${CMAKE_CURRENT_SOURCE_DIR}/packaging\")
+    set(QEL_BINDIR \"${CMAKE_INSTALL_BINDIR}\")")
+install(CODE [[
+    cmake_path(ABSOLUTE_PATH QEL_BINDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
+    foreach(unit qeld.service qeld@.service)
+        set(to "${CMAKE_INSTALL_PREFIX}/lib/systemd/system/${unit}")
+        message(STATUS "Installing: $ENV{DESTDIR}${to}")
+        configure_file("${unit_templates}/${unit}.in" "$ENV{DESTDIR}${to}" @ONLY)
+        list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${to}")
+    endforeach()
+]])
 install(PROGRAMS packaging/qeld-console DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES packaging/qel-tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME qel.conf)
 install(FILES packaging/qel.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
