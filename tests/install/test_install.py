@@ -98,7 +98,8 @@ class Installed(unittest.TestCase):
         for unit in ("qeld.service", "qeld@.service"):
             with open(os.path.join(self.prefix, "lib/systemd/system", unit), encoding="ascii") as file:
                 starts, = [line.split() for line in file if line.startswith("ExecStart=")]
-            self.assertEqual(starts[-1].removeprefix("ExecStart="), self.prefix + "/bin/qeld")
+            self.assertEqual([starts[-2].removeprefix("ExecStart="), starts[-1]],
+                             [self.prefix + "/bin/qeld", "$QELD_OPTIONS"])
 
     def test_installed_programs_find_every_library(self):
         for program in ("qeld", "qel-fabric"):

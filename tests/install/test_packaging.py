@@ -42,8 +42,10 @@ class Packaged(DaemonTest):
         return self.installed("lib/systemd/system/" + name)
 
     def exec_start(self, name, **variables):
-        """The command line of a unit as systemd takes it apart."""
+        """The command line of a unit as systemd takes it apart: $NAME becomes any number of words, ${NAME} a
+        part of one."""
         line, = re.findall(r"^ExecStart=(.*)$", self.unit(name), re.M)
+        line = re.sub(r"\$(\w+)", lambda m: variables.get(m[1], ""), line)
         return [re.sub(r"\$\{(\w+)\}", lambda m: variables[m[1]], word) for word in line.split()]
 
     def test_systemd_accepts_the_units(self):
@@ -149,6 +151,12 @@ class Packaged(DaemonTest):
         proc = self.node(1).spawn(command, pty=True)
         proc.expect_prompt(r"\(qel\)$")
         self.assertEqual(proc.output.replace("\r\n", "\n"), HELP + PROMPT)
+
+    def test_the_units_take_options_for_the_daemon_from_a_file(self):
+        for name, _ in UNITS:
+            self.assertIn("\nEnvironmentFile=-/etc/default/qeld\n", self.unit(name))
+            command = self.exec_start(name, RUNTIME_DIRECTORY="/run/qeld", QELD_OPTIONS="-pt")
+            self.assertEqual(command[-2:], [self.prefix + "/bin/qeld", "-pt"])
 
     def test_the_example_configuration_is_understood(self):
         example = self.installed("share/doc/qel/examples/qel.conf")
