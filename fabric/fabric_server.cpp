@@ -102,9 +102,9 @@ server::server() : names_([this](subscription &s, const tipc_event &e) { on_even
     uint32_t start = 0;
     if (getrandom(&start, sizeof start, GRND_NONBLOCK) != sizeof start)
         start = static_cast<uint32_t>(monotonic_ns() >> 10);
-    next_ref_ = start;
+    next_ref_ = start | 1;
     now_ns_ = monotonic_ns();
-    names_.publish(TIPC_TOP_SRV, TIPC_TOP_SRV, TIPC_TOP_SRV, TIPC_NODE_SCOPE, start | 1, 0);
+    names_.publish(TIPC_TOP_SRV, TIPC_TOP_SRV, TIPC_TOP_SRV, TIPC_NODE_SCOPE, next_ref_, 0);
 }
 
 bool server::start(int listen_fd) {

@@ -194,6 +194,12 @@ void qel_local_target_wake(qel_local_target &t) noexcept {
 static void disconnect() QEL_REQUIRES(g_ctl_mutex) {
     g_ctl_fd.store(-1, std::memory_order_relaxed);
     g_session.fetch_add(1, std::memory_order_seq_cst); // every cached name is stale
+    // Nobody tells when their owners end from now on, and a new fabric may give their numbers to others.
+    for (uint32_t i = 0; i < g_ctl.target_count; i++) {
+        qel_local_target &t = *target_at(i);
+        if (!t.own && t.state.load(std::memory_order_relaxed) == qel_local_target::live)
+            target_kill(t);
+    }
     if (g_ctl.fd >= 0) {
         // Also for a thread that polls it and for a forked child's copy: the fabric is to see the end now.
         (void)::shutdown(g_ctl.fd, SHUT_RDWR);

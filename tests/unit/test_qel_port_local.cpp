@@ -589,6 +589,9 @@ TEST_F(fabric_process, lists_names_and_who_has_them) {
     EXPECT_NE(text.find("name {2303, 65537, 65537} scope cluster node 1001002"), std::string::npos) << text;
     EXPECT_NE(text.find("pid " + std::to_string(other->pid)), std::string::npos) << text;
     EXPECT_NE(text.find("node 2 (01001002): 1 processes"), std::string::npos) << text;
+    const size_t server = text.find("name {1, 1, 1} scope node node 0 port ");
+    ASSERT_NE(server, std::string::npos) << text;
+    EXPECT_EQ(text.substr(text.find(" pid ", server), 7), " pid 0\n") << "no process has it: " << text;
 }
 
 TEST_F(fabric_process, refuses_commands_it_does_not_know) {
@@ -708,6 +711,37 @@ TEST_F(local_port, sockets_that_a_fabric_took_for_dead_receive_again) {
         }
     }
     EXPECT_EQ(std::count(heard.begin(), heard.end(), true), 20);
+    (void)testing::internal::GetCapturedStderr();
+}
+
+// How many queues this process has mapped.
+size_t queues_mapped() {
+    std::ifstream maps("/proc/self/maps");
+    size_t count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.find("/memfd:qel-queue") != std::string::npos;
+    return count;
+}
+
+TEST_F(local_port, the_queue_of_a_process_that_died_while_no_fabric_ran_is_not_kept) {
+    start();
+    auto far = role("hold", "5", 2);
+    ASSERT_EQ(far->line(), "ready");
+    sock s(1);
+    ASSERT_EQ(s.send(5, "hello"), 5);
+    ASSERT_EQ(queues_mapped(), 2u);
+    testing::internal::CaptureStderr();
+    fabric->kill();
+    far->kill();
+    (void)s.next(200); // which finds the fabric gone
+    start();
+    ssize_t sent = 0;
+    for (int i = 0; i < 2000 && sent != 5; i++) {
+        (void)s.next(10);
+        sent = s.send(1, "hello");
+    }
+    EXPECT_EQ(sent, 5);
+    EXPECT_EQ(queues_mapped(), 1u);
     (void)testing::internal::GetCapturedStderr();
 }
 
