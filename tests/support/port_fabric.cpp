@@ -31,8 +31,8 @@ local_fabric &local_fabric::get() {
 
 local_fabric::local_fabric() {
     start();
-    if (trouble_.empty())
-        guard();
+    if (const int error = trouble_.empty() ? guard_.watch(directory_, pid_) : 0)
+        trouble_ = std::string("no guard: ") + strerror(error);
     if (!trouble_.empty())
         stop();
     else
@@ -87,35 +87,6 @@ void local_fabric::start() {
     ::close(ready[0]);
 }
 
-// A shell that cleans up when this process is killed: its input ends then without a line.
-void local_fabric::guard() {
-    int wire[2];
-    if (pipe2(wire, O_CLOEXEC) != 0) {
-        trouble_ = std::string("no pipe: ") + strerror(errno);
-        return;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, wire[0], 0);
-    // A test runner may wait for the end of the output of all that a test has started.
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
-    std::string shell = "/bin/sh", option = "-c", pid = std::to_string(pid_), directory = directory_;
-    std::string script = R"(read -r word && exit 0; kill "$0"; exec rm -rf -- "$1")";
-    char *argv[] = {shell.data(), option.data(), script.data(), pid.data(), directory.data(), nullptr};
-    if (int ret = posix_spawn(&guard_pid_, argv[0], &actions, &attr, argv, environ)) {
-        trouble_ = shell + ": " + strerror(ret);
-        guard_pid_ = -1;
-    }
-    posix_spawnattr_destroy(&attr);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(wire[0]);
-    guard_wire_ = wire[1];
-}
-
 void local_fabric::stop() {
     if (pid_ > 0) {
         kill(pid_, SIGTERM);
@@ -125,11 +96,7 @@ void local_fabric::stop() {
     std::error_code err;
     if (!directory_.empty())
         std::filesystem::remove_all(directory_, err);
-    if (guard_pid_ > 0) {
-        if (write(guard_wire_, "done\n", 5) == 5)
-            waitpid(guard_pid_, nullptr, 0);
-        guard_pid_ = -1;
-    }
+    guard_.dismiss();
 }
 
 void local_fabric::stop_at_exit() { get().stop(); }

@@ -6,6 +6,8 @@
 #include <string>
 #include <sys/types.h>
 
+#include "qel_guard.h"
+
 namespace port_test {
 
 class local_fabric {
@@ -19,12 +21,11 @@ class local_fabric {
   private:
     local_fabric();
     void start();
-    void guard();
     void stop();
     static void stop_at_exit();
     std::string directory_, trouble_;
-    pid_t pid_ = -1, guard_pid_ = -1;
-    int guard_wire_ = -1;
+    pid_t pid_ = -1;
+    qel_guard guard_;
 };
 
 } // namespace port_test

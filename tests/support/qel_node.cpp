@@ -12,7 +12,7 @@ qel_node::qel_node() {
     // The child of a death test dies before it could tidy up: what it makes lies in its parent's directory.
     const char *parent = GTEST_FLAG_GET(internal_run_death_test).empty() ? nullptr : getenv("QEL_ROOT");
     dir = std::string(parent ? parent : "/tmp") + "/qel.XXXXXX";
-    if (!mkdtemp(dir.data()))
+    if (!mkdtemp(dir.data()) || (!parent && guard_.watch(dir) != 0))
         abort();
     fs::create_directories(dir + "/etc");
     fs::create_directories(dir + "/tmp/addr");

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "qel_guard.h"
+
 // At first there is the address file of node 1 and no configuration.
 struct qel_node : testing::Test {
     qel_node();
@@ -24,6 +26,9 @@ struct qel_node : testing::Test {
     static std::string read_file(const std::string &path); // "" when there is none
     static void write_file(const std::string &path, const std::string &text);
     static std::vector<std::string> list_dir(const std::string &path); // sorted
+
+  private:
+    qel_guard guard_;
 };
 
 #endif

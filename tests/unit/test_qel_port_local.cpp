@@ -33,6 +33,7 @@
 
 #include "qel_base.h"
 #include "qel_fabric_proto.h"
+#include "qel_guard.h"
 #include "qel_port.h"
 #include "qel_port_local_queue.h"
 
@@ -273,11 +274,13 @@ struct process {
 struct local_port : testing::Test {
     std::string dir;
     std::unique_ptr<process> fabric;
+    qel_guard guard;
 
     void SetUp() override {
         std::string pattern = (fs::temp_directory_path() / "qel-local-XXXXXX").string();
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
         dir = pattern;
+        ASSERT_EQ(guard.watch(dir), 0);
         for (int n = 1; n <= 3; n++) {
             fs::create_directories(root(n) + "/tmp/addr");
             std::ofstream(root(n) + "/tmp/addr/.qel_node_addr") << n << "\n";
