@@ -87,7 +87,7 @@ class name_table {
         std::list<std::unique_ptr<subscription>> subscriptions; // newest first, as the kernel keeps them
     };
     [[nodiscard]] bool visible(const publication &p, uint32_t viewer) const {
-        return (p.scope != TIPC_NODE_SCOPE || p.node == viewer || p.node == 0) && reachable(viewer, p.node);
+        return p.scope == TIPC_NODE_SCOPE ? p.node == viewer || p.node == 0 : reachable(viewer, p.node);
     }
     size_t visible_count(const range &r, uint32_t viewer) const;
     void report(service &s, const range &r, const publication &p, uint32_t event);

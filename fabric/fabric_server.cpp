@@ -393,12 +393,6 @@ static bool is_eventfd(int fd) {
     return !strcmp(target, "anon_inode:[eventfd]");
 }
 
-static bool same_file(int a, int b) {
-    struct stat x {
-    }, y{};
-    return fstat(a, &x) == 0 && fstat(b, &y) == 0 && x.st_dev == y.st_dev && x.st_ino == y.st_ino;
-}
-
 int server::enroll(connection &c, const qel_fabric_request &q, std::vector<qel_fd> &fds,
                    qel_fabric_reply &r) {
     if (fds.size() != 2 || !is_eventfd(fds[1].fd))
@@ -407,9 +401,12 @@ int server::enroll(connection &c, const qel_fabric_request &q, std::vector<qel_f
     if (qel_lq_map_file(look, fds[0].fd) != 0)
         return EINVAL;
     qel_lq_unmap(look);
-    for (const auto &job : jobs_)
-        if (same_file(job->e->queue_fd.fd, fds[0].fd))
-            return EAGAIN; // of a process whose connection was lost: it is closed first
+    struct stat file {};
+    if (fstat(fds[0].fd, &file) != 0)
+        return EINVAL;
+    for (const auto &[number, other] : endpoints_)
+        if (other->queue_inode == file.st_ino)
+            return EAGAIN; // its owner's connection was lost, it is closed first; or it is somebody else's
     (void)fcntl(fds[1].fd, F_SETFL, O_NONBLOCK);
     uint32_t ref = q.ref;
     if (ref == 0 || endpoints_.contains(ref)) {
@@ -422,6 +419,7 @@ int server::enroll(connection &c, const qel_fabric_request &q, std::vector<qel_f
     e->node = c.node;
     e->owner = &c;
     e->queue_fd.reset(fds[0].release());
+    e->queue_inode = file.st_ino;
     e->event_fd.reset(fds[1].release());
     endpoints_[ref] = std::move(e);
     c.endpoints.insert(ref);

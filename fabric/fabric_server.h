@@ -10,6 +10,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "fabric_names.h"
@@ -37,6 +38,7 @@ struct endpoint {
     uint32_t ref = 0, node = 0;
     connection *owner = nullptr;
     qel_fd queue_fd, event_fd;
+    ino_t queue_inode = 0; // no other endpoint has this queue
     std::vector<std::unique_ptr<bound_name>> names;
     qel_lq q; // mapped while messages are returned to or from it
     uint64_t woken = 0;

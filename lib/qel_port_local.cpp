@@ -3,26 +3,28 @@
 // What it does not copy from the kernel's TIPC, and why:
 //   - Rejection codes 1 and 3 and the silent delivery to another socket of the name: there is no way on which
 //     a message could be while its name goes. It is delivered, returned with code 2, or refused at once.
-//   - Loss of returned messages beyond the 32 MB a sender may hold, and link resets through floods of them:
-//   no
-//     link. `qel-fabric --control` can lose returns, cut nodes off, delay names and congest links instead.
+//   - Loss of returned messages beyond the 32 MB a sender may hold, and link resets through floods of them,
+//   as
+//     there is no link. `qel-fabric --control` can lose returns, cut nodes off, delay names and congest links
+//     instead.
 //   - Messages that a dying kernel socket drops on SMP: here all of them come back, unless no fabric runs.
 //   - POLLOUT is always reported: congestion exists only as a fault asked for, and lasts for its time.
-//   - Round robin over several publications turns per sending process, not per node, and prefers the sender's
-//   own
-//     node as the kernel does for addresses of the form 1.1.N.
+//   - Round robin over several publications turns per sending process, not per node, and prefers the node of
+//     the sender as the kernel does for addresses of the form 1.1.N.
 //   - Multicast (TIPC_SERVICE_RANGE as a destination), groups, streams and connections other than to the
 //     topology server {1, 1}, link events (type 2), names on SOCK_SEQPACKET sockets: nothing of the bus uses
 //     them; EOPNOTSUPP.
 //   - Topology time-outs are late by less than the kernel's: a millisecond, not an eighth.
 //   - A queue holds 256 MiB of data whatever SO_RCVBUFFORCE asks for.
 //   - SO_RCVBUFFORCE is refused to all but root, without a look at single capabilities.
-//   - fork() without exec: the child must not use the sockets, and its copy of them keeps names published.
+//   - fork() without exec: the child must not use the sockets; its copies keep the names of a dead parent
+//     published, but not those of a socket that the parent closes.
+//   - The file of a queue is 257 MiB long, though nearly empty: under a smaller RLIMIT_FSIZE the signal
+//     SIGXFSZ ends the process in socket().
 //   - All processes of a fabric share one PID namespace, and /proc is mounted there.
 //   - mlockall(MCL_FUTURE) would make every queue resident at its full size.
-//   - Without a fabric: socket() and bind() fail with ECONNREFUSED (ENOENT where no directory is named) and
-//   one
-//     line on standard error, and sends with EHOSTUNREACH.
+//   - Without a fabric: socket() and bind() fail with ECONNREFUSED (ENOENT where no directory is named), with
+//     one line on standard error, and sends with EHOSTUNREACH.
 #include "qel_port.h"
 
 #include <cerrno>

@@ -1163,6 +1163,7 @@ TEST_F(local_port, the_fabric_takes_only_queues_that_are_safe_to_touch) {
     EXPECT_EQ(enroll({queue.fd, ends[1]}), EINVAL) << "a pipe could make the fabric wait";
     EXPECT_EQ(enroll({event.fd, queue.fd}), EINVAL);
     EXPECT_EQ(enroll({queue.fd, event.fd}), 0);
+    EXPECT_EQ(enroll({queue.fd, event.fd}), EAGAIN) << "a queue has one owner";
     ::close(ends[0]);
     ::close(ends[1]);
     ::close(fd);
@@ -1524,6 +1525,18 @@ TEST_F(local_port, a_link_can_be_congested) {
     control("clear");
     EXPECT_EQ(s.send(5, "after"), 5);
     EXPECT_EQ(s.next().data, "after");
+}
+
+TEST_F(local_port, a_node_that_is_cut_off_keeps_its_own_topology_server) {
+    start();
+    topology before;
+    before.subscribe(TIPC_TOP_SRV, 0, 1);
+    EXPECT_EQ(before.next(), "P[1,1]");
+    control("cut 1 60000");
+    topology after;
+    after.subscribe(TIPC_TOP_SRV, 0, 1);
+    EXPECT_EQ(after.next(), "P[1,1]");
+    EXPECT_EQ(before.next(50), "nothing");
 }
 
 TEST_F(local_port, a_node_can_be_cut_off_and_comes_back) {
