@@ -3,8 +3,7 @@
 // What it does not copy from the kernel's TIPC, and why:
 //   - Rejection codes 1 and 3 and the silent delivery to another socket of the name: there is no way on which
 //     a message could be while its name goes. It is delivered, returned with code 2, or refused at once.
-//   - Loss of returned messages beyond the 32 MB a sender may hold, and link resets through floods of them,
-//   as
+//   - Loss of returned messages beyond the 32 MB a sender may hold, and link resets through floods of them:
 //     there is no link. `qel-fabric --control` can lose returns, cut nodes off, delay names and congest links
 //     instead.
 //   - Messages that a dying kernel socket drops on SMP: here all of them come back, unless no fabric runs.

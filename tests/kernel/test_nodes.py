@@ -3,6 +3,7 @@
 import glob
 import os
 import re
+import select
 import shutil
 import signal
 import subprocess
@@ -14,8 +15,10 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "support"))
 from qel_nodes import Cluster, NodeError  # noqa: E402
+import vm  # noqa: E402
 
 UML = os.path.join(HERE, "uml.py")
+VM = os.path.join(HERE, "vm.py")
 BUILD = os.environ.get("QEL_BUILD_DIR", os.path.join(HERE, "../../build/release"))
 PEER = os.path.join(BUILD, "tests/contract_test_port")
 os.environ.setdefault("QEL_FABRIC_BIN", os.path.join(BUILD, "qel-fabric"))
@@ -141,6 +144,43 @@ class OneKernel(unittest.TestCase):
         self.assertEqual(done.returncode, 3, done.stderr)
         self.assertIn("1001001:vec0-1001002:vec0: up", done.stdout)
         self.assertIn("loss 1%", done.stdout)
+
+
+class Machine(unittest.TestCase):
+    def test_a_killed_launcher_takes_its_machine_along(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            def make(path, text=""):
+                os.makedirs(os.path.dirname(f"{tmp}/{path}"), exist_ok=True)
+                with open(f"{tmp}/{path}", "w") as f:
+                    f.write(text)
+                os.chmod(f"{tmp}/{path}", 0o755)
+
+            # A machine that never ends, and as much of a kernel as the launcher looks at.
+            make("bin/qemu-system-x86_64", "#!/bin/sh\necho $$\nexec sleep 1000\n")
+            for program in ("busybox", "cpio", "tipc", "dpkg-deb"):
+                make(f"bin/{program}", "#!/bin/sh\nexec cat\n")
+            make("cache/kernel/boot/vmlinuz-0")
+            for module in vm.MODULES:
+                make(f"cache/kernel/lib/modules/0/kernel/{module}.ko")
+            os.mkdir(f"{tmp}/work")
+            env = dict(os.environ, TMPDIR=f"{tmp}/work", QEL_VM_CACHE=f"{tmp}/cache",
+                       PATH=f"{tmp}/bin:{os.environ['PATH']}")
+            for sig in (signal.SIGKILL, signal.SIGTERM, signal.SIGHUP):
+                proc = subprocess.Popen([sys.executable, "-B", VM, "--", "true"], env=env,
+                                        stdout=subprocess.PIPE)
+                machine = os.pidfd_open(int(proc.stdout.readline()))
+                proc.send_signal(sig)
+                proc.wait()
+                proc.stdout.close()
+                ended, _, _ = select.select([machine], [], [], 20)
+                if not ended:
+                    signal.pidfd_send_signal(machine, signal.SIGKILL)
+                os.close(machine)
+                self.assertTrue(ended, f"it runs on after {sig!r}")
+                deadline = time.monotonic() + 20
+                while os.listdir(f"{tmp}/work") and time.monotonic() < deadline:
+                    os.sched_yield()
+                self.assertEqual(os.listdir(f"{tmp}/work"), [])
 
 
 class Nodes:

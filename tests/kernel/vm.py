@@ -25,6 +25,8 @@ import sys
 import tempfile
 import time
 
+from uml import Guard, die_with_parent
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 CACHE = os.environ.get("QEL_VM_CACHE", os.path.join(HERE, "../../build/vm"))
 MODULES = """drivers/virtio/virtio_ring drivers/virtio/virtio drivers/virtio/virtio_pci_modern_dev
@@ -109,6 +111,7 @@ def boot(argv, nodes, timeout_s, memory_mb):
                    TMPDIR="/tmp", QEL_TEST_BACKEND="netns")
         with open(f"{work}/command.json", "w") as f:
             json.dump({"argv": argv, "nodes": nodes, "cwd": os.getcwd(), "env": env}, f)
+        guard = Guard(work)
         # A /dev/kvm that opens and then makes no progress has been met, hence tcg by name.
         proc = subprocess.Popen(
             ["qemu-system-x86_64", "-M", "q35", "-accel", "tcg,thread=multi", "-cpu", "max", "-smp", "2",
@@ -117,7 +120,8 @@ def boot(argv, nodes, timeout_s, memory_mb):
              "-kernel", kernel, "-initrd", image, "-append", "console=ttyS0 quiet panic=-1 mitigations=off",
              "-virtfs", "local,path=/,mount_tag=root,security_model=none,readonly=on,multidevs=remap",
              "-virtfs", f"local,path={work},mount_tag=out,security_model=none"],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, start_new_session=True)
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, start_new_session=True,
+            preexec_fn=die_with_parent)
         try:
             poll = select.poll()
             poll.register(proc.stdout, select.POLLIN)
@@ -138,6 +142,7 @@ def boot(argv, nodes, timeout_s, memory_mb):
                 proc.kill()
                 proc.wait()
             proc.stdout.close()
+            guard.dismiss()
         try:
             with open(f"{work}/status") as f:
                 return int(f.read())
@@ -157,7 +162,8 @@ def main():
     words = args.command[1:] if args.command[:1] == ["--"] else args.command
     if not words:
         parser.error("a command is needed")
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+    for sig in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(sig, lambda number, _: sys.exit(128 + number))
     try:
         status = boot(words, args.nodes, args.timeout, args.memory)
         return 128 - status if status < 0 else status
