@@ -2,15 +2,17 @@
 //
 //   bench_qel WHAT SIZE COUNT
 //
-// WHAT is a way of sending (one-way: messages per second; the clock stops when the receiver has handled the
-// last):
-//   dgram, seqpacket   Unix sockets; ring: a minimal shared-memory ring of one writer and one reader
-//   qel, qel-nothread  the bus on the local transport, receiver with a thread of its own or without
+// WHAT is a way of sending (messages per second; the clock stops when the receiver has handled the last):
+//   dgram, seqpacket              Unix sockets
+//   ring                          a minimal shared-memory ring of one writer and one reader
+//   qel, qel-nothread             the bus on the local transport, receiver with a thread of its own or without
 // or of asking (round trips, one outstanding: microseconds each as median, p99, p99.9):
-//   ask-seqpacket      Unix sockets;  ask-handover: with a thread to hand over to on each side, as the bus
-//   has them ask-ring           the shared-memory ring ask-qel, ask-qel-nothread   a remote procedure call;
-//   echo-qel, echo-qel-nothread   a message there and back calls-qel, calls-qel-nothread   8 threads that
-//   call at the same time: calls per second
+//   ask-seqpacket                 Unix sockets
+//   ask-handover                  with a thread to hand over to on each side, as the bus has them
+//   ask-ring                      the shared-memory ring
+//   ask-qel, ask-qel-nothread     a remote procedure call
+//   echo-qel, echo-qel-nothread   a message there and back
+//   calls-qel, calls-qel-nothread 8 threads that call at the same time: calls per second
 // or "idle": resident memory, in KiB, of a process with one registered application.
 //
 // The bus needs a running qel-fabric (QEL_FABRIC) and QEL_TRANSPORT=local; bench/run starts them.

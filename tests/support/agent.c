@@ -9,20 +9,23 @@
  *   register APP [nothread] [noevents] [noname] [client] [v=1,2]   result of the registration
  *   unregister APP | comm APP PEER | run | ready | online NODE APP
  *   send APP DST COUNT SIZE FLAGS [KEY=VALUE]...       "RESULT SENT MICROSECONDS": ends at the first result
- * not 0 sendto APP DST NODE COUNT SIZE FLAGS [KEY=VALUE]... SIZE: bytes, or "mix" (0 to 65536); ver=V, qos=Q
- * (stays instead of the sequence), first=SEQUENCE, retry=MS: tries again for so long while there is no server
+ *        that is not 0
+ *   sendto APP DST NODE COUNT SIZE FLAGS [KEY=VALUE]...
+ *        SIZE: bytes, or "mix" (0 to 65536); ver=V, qos=Q (stays instead of the sequence), first=SEQUENCE,
+ *        retry=MS: tries again for so long while there is no server
  *   sent APP DST                                       messages sent in the current or last send to DST
  *   received APP PEER NODE                             "COUNT BYTES FIRST NEXT GAPS DUPLICATES BAD REQUESTS"
- *   await APP PEER NODE COUNT MS                       the same once COUNT have come, or after MS
+ *   await APP PEER NODE COUNT MS                       the same once COUNT messages have come, or after MS
  *   forget APP PEER NODE                               starts its account anew
  *   delay APP MICROSECONDS | hold APP | release APP    what the dispatcher does with each message
  *   serve APP echo|self|never|null|die|late|relay [N]  what it does with a request: N is the delay of a late
  *        reply in milliseconds; a relay calls application N from the dispatcher and passes its answer on
- *   rpc APP DST SIZE FLAGS TIMEOUT [ver=V]             "RESULT COUNT MILLISECONDS node/app:status:content
- * ..." rpcto APP NODE DST SIZE FLAGS TIMEOUT [ver=V] storm APP NODE DST THREADS CALLS SIZE PEERS        "GOOD
- * WRONG FAILED": many calls at once mkapps APP | addapp APP G M | delapp APP G M | rmapps APP G | mknodes ...
- * likewise appmbrs APP DST | nodembrs APP NODE | confmbrs G   "RESULT MEMBER ..." resume on|off | threads |
- * rss | fds | sleepers | pid | exit STATUS
+ *   rpc APP DST SIZE FLAGS TIMEOUT [ver=V]             "RESULT COUNT MILLISECONDS node/app:status:content ..."
+ *   rpcto APP NODE DST SIZE FLAGS TIMEOUT [ver=V]
+ *   storm APP NODE DST THREADS CALLS SIZE PEERS        "GOOD WRONG FAILED": many calls at once
+ *   mkapps APP | addapp APP G M | delapp APP G M | rmapps APP G | mknodes ... likewise
+ *   appmbrs APP DST | nodembrs APP NODE | confmbrs G   "RESULT MEMBER ..."
+ *   resume on|off | threads | rss | fds | sleepers | pid | exit STATUS
  */
 #include <errno.h>
 #include <inttypes.h>
@@ -455,7 +458,7 @@ static void *do_await(void *arg) {
     pthread_mutex_lock(&g_lock);
     g_awaiting++;
     const struct stream *s = stream_of(id(c, 2), id(c, 3), (int32_t)number(c, 4));
-    while (s->count + s->requests < count && pthread_cond_timedwait(&g_changed, &g_lock, &deadline) == 0) {
+    while (s->count < count && pthread_cond_timedwait(&g_changed, &g_lock, &deadline) == 0) {
     }
     g_awaiting--;
     pthread_mutex_unlock(&g_lock);

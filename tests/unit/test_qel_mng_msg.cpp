@@ -783,6 +783,9 @@ TEST_F(qel_engine, a_reload_request_with_both_switches_on_is_told_closes_the_fil
 }
 
 TEST_F(qel_engine, a_reload_request_aborts_also_a_process_whose_standard_output_is_held) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "its own abort() flushes all streams first";
+#endif
     set_conf("[MISC_CONF]\nqel_blocked_resume_enabled = true\n");
     const qel_child child = qel_run_child([this] {
         begin({5}, {{5, 7}});
