@@ -5,7 +5,7 @@
 // WHAT is a way of sending (messages per second; the clock stops when the receiver has handled the last):
 //   dgram, seqpacket              Unix sockets
 //   ring                          a minimal shared-memory ring of one writer and one reader
-//   qel, qel-nothread             the bus on the local transport, receiver with a thread of its own or without
+//   qel, qel-nothread             the bus on the local transport, receiver with a thread of its own or not
 // or of asking (round trips, one outstanding: microseconds each as median, p99, p99.9):
 //   ask-seqpacket                 Unix sockets
 //   ask-handover                  with a thread to hand over to on each side, as the bus has them

@@ -20,7 +20,7 @@
  *   delay APP MICROSECONDS | hold APP | release APP    what the dispatcher does with each message
  *   serve APP echo|self|never|null|die|late|relay [N]  what it does with a request: N is the delay of a late
  *        reply in milliseconds; a relay calls application N from the dispatcher and passes its answer on
- *   rpc APP DST SIZE FLAGS TIMEOUT [ver=V]             "RESULT COUNT MILLISECONDS node/app:status:content ..."
+ *   rpc APP DST SIZE FLAGS TIMEOUT [ver=V]             "RESULT COUNT MS node/app:status:content ..."
  *   rpcto APP NODE DST SIZE FLAGS TIMEOUT [ver=V]
  *   storm APP NODE DST THREADS CALLS SIZE PEERS        "GOOD WRONG FAILED": many calls at once
  *   mkapps APP | addapp APP G M | delapp APP G M | rmapps APP G | mknodes ... likewise
