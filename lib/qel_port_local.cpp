@@ -41,7 +41,8 @@ constexpr uint32_t local_polls_blind = 32; // poll() calls answered from the que
 constexpr int local_poll_stack = 64;
 constexpr uint32_t local_reserved_types = 64;
 constexpr uint64_t local_trim_step = 4u << 20; // bytes through a queue that make it worth trimming
-constexpr int local_trim_after_ms = 1000;
+constexpr int local_idle_ms = 1000;
+constexpr int local_reconnect_ms = 100;
 
 static constinit std::atomic<qel_local_socket *> g_sockets[local_fds_max];
 
@@ -682,15 +683,6 @@ static void sleep_end(pollfd *fds, nfds_t count) {
             qel_lq_sleep_end(s->target->q, s->reader);
     }
 }
-// Much went through one of the queues since it was last trimmed.
-static bool worth_trimming(pollfd *fds, nfds_t count) {
-    for (nfds_t i = 0; i < count; i++) {
-        const qel_local_socket *s = socket_of(fds[i].fd);
-        if (s && !s->topology && s->reader.freed >= s->trim_at)
-            return true;
-    }
-    return false;
-}
 // Memory that a burst left behind, once nothing came for a second.
 static void trim_idle(pollfd *fds, nfds_t count) {
     for (nfds_t i = 0; i < count; i++) {
@@ -728,14 +720,13 @@ static int poll_sleeping(pollfd *fds, nfds_t count, int timeout_ms) {
             sleep_begin(fds, count);
         const int control = qel_local_control_fd();
         const poll_scan before = scan_queues(fds, count);
+        // Without a fabric: whether there is one again. With it: who wakes this reader goes by shared memory,
+        // which anybody may have spoilt.
+        const int look_again_ms = control < 0 ? local_reconnect_ms : local_idle_ms;
         if (before.ready > 0)
             left = 0;
-        else if (before.first && control < 0 && (left < 0 || left > 100))
-            left = 100; // without a fabric: see ten times a second whether there is one again
-        const bool trim =
-            before.ready == 0 && (left < 0 || left >= local_trim_after_ms) && worth_trimming(fds, count);
-        if (trim)
-            left = local_trim_after_ms;
+        else if (before.first && (left < 0 || left > look_again_ms))
+            left = look_again_ms;
         for (nfds_t i = 0; i < count; i++) {
             const qel_local_socket *s = socket_of(fds[i].fd);
             const bool queue = s && !s->topology;
@@ -758,7 +749,7 @@ static int poll_sleeping(pollfd *fds, nfds_t count, int timeout_ms) {
             result = -1;
             break;
         }
-        if (got == 0 && trim)
+        if (got == 0 && left >= local_idle_ms)
             trim_idle(fds, count);
         result = 0;
         for (nfds_t i = 0; i < count; i++) {

@@ -1022,6 +1022,33 @@ TEST_F(local_port, a_frozen_sender_does_not_keep_a_dead_receiver_published) {
 
 // ---- damage and hostility ---------------------------------------------------------------------------------
 
+TEST_F(local_port, a_sleeping_reader_finds_a_message_also_when_nobody_sees_that_it_sleeps) {
+    start();
+    sock s(1);
+    own_queue mine;
+    sock sender;
+    qel_fd file(qel_lq_create_file());
+    qel_lq other;
+    ASSERT_EQ(qel_lq_map_file(other, file.fd), 0);
+    qel_lq_reader reader;
+    qel_lq_sleep_begin(other, reader);
+    auto *bytes = reinterpret_cast<unsigned char *>(other.shared);
+    const auto sleep = static_cast<size_t>(std::find(bytes, bytes + 4096, 1) - bytes);
+    ASSERT_LT(sleep, 4096u);
+    qel_lq_unmap(other);
+
+    std::thread writer([&] {
+        while (qel_lq_sleeper(mine.q) == 0)
+            std::this_thread::yield();
+        memset(mine.bytes() + sleep, 0, 8);
+        EXPECT_EQ(sender.send(1, "hello"), 5);
+    });
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(s.next(30'000).data, "hello");
+    EXPECT_LT(steady_clock::now() - begin, seconds(15));
+    writer.join();
+}
+
 TEST_F(local_port, a_damaged_queue_reports_an_error_once_and_goes_on) {
     start();
     sock s(1);
