@@ -15,7 +15,18 @@
 
 // ---- the proxy thread -----------------------------------------------------------------------------------
 
+static qel_msg *try_take_msg(qel_app_info *app) noexcept {
+    qel_lock lock(app->mutex);
+    return app->queue.empty() ? nullptr : app->queue.pop_front();
+}
+
 static qel_msg *take_msg(qel_app_info *app, const char *name) noexcept {
+    qel_msg *msg = try_take_msg(app);
+    if (msg)
+        return msg;
+    qel_short_wait wait(app->last_wait_ns);
+    if (wait.until([&] { return (msg = try_take_msg(app)) != nullptr; }))
+        return msg;
     qel_lock lock(app->mutex);
     while (app->queue.empty()) {
         qel_watchdog_feed(name);

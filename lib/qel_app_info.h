@@ -24,6 +24,7 @@ struct qel_app_info {
     qel_mutex mutex;
     qel_cond cond; // something was queued
     qel_msg_queue queue QEL_GUARDED_BY(mutex);
+    std::atomic<uint64_t> last_wait_ns{0}; // of the proxy thread
     qel_mc_state mc QEL_GUARDED_BY(mutex);
     // A new proxy thread waits here until its registration has succeeded or is undone: undoing joins the
     // thread while it holds the library lock, so the thread must not need that lock before.

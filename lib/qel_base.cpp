@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <sched.h>
 #include <sys/auxv.h>
 #include <sys/prctl.h>
 
@@ -185,4 +186,38 @@ void qel_hash_base::destroy() noexcept {
     free(slots_);
     slots_ = nullptr;
     slot_count_ = count_ = 0;
+}
+
+// ---- short waits ----------------------------------------------------------------------------------------
+
+constexpr uint64_t short_wait_ns = 10'000, usual_wait_ns = 250'000;
+constexpr uint32_t short_wait_rounds = 50; // enough of them for the time; a test's clock may stand
+constexpr uint64_t lost_ns = 2'000'000;    // others computed: longer than our own threads work at a stretch
+constexpr uint64_t lost_rest = 10;         // times as long no turn is given away then
+
+static uint64_t now_ns() noexcept {
+    timespec t{};
+    (void)qel_sys_get().clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(t.tv_nsec);
+}
+
+bool qel_give_way() noexcept {
+    static constinit std::atomic<uint64_t> not_before{0};
+    const uint64_t begin = now_ns();
+    if (begin < not_before.load(std::memory_order_relaxed))
+        return false;
+    (void)sched_yield();
+    const uint64_t passed = now_ns() - begin;
+    if (passed > lost_ns)
+        not_before.store(begin + passed * lost_rest, std::memory_order_relaxed);
+    return true;
+}
+
+qel_short_wait::qel_short_wait(std::atomic<uint64_t> &last_ns) noexcept
+    : last_ns_(last_ns), begin_(now_ns()) {}
+qel_short_wait::~qel_short_wait() { last_ns_.store(now_ns() - begin_, std::memory_order_relaxed); }
+
+bool qel_short_wait::again() noexcept {
+    return last_ns_.load(std::memory_order_relaxed) <= usual_wait_ns && rounds_++ < short_wait_rounds &&
+           now_ns() - begin_ < short_wait_ns && qel_give_way();
 }

@@ -153,6 +153,34 @@ struct qel_gate {
     decision decided QEL_GUARDED_BY(mutex) = decision::none;
 };
 
+// Lets other threads run for a moment. False, and nothing done: the last time that took so long (somebody
+// computes) that for a while it is left out.
+bool qel_give_way() noexcept;
+
+// One wait of a thread. What it waits for is often there within microseconds, while putting it to sleep and
+// waking it up costs both sides as many: so it looks again for ten microseconds before it sleeps, if the last
+// wait at this place was a short one. The object lives from before the first look to the end of the wait.
+class qel_short_wait {
+  public:
+    explicit qel_short_wait(std::atomic<uint64_t> &last_ns) noexcept;
+    ~qel_short_wait();
+    qel_short_wait(const qel_short_wait &) = delete;
+    qel_short_wait &operator=(const qel_short_wait &) = delete;
+    // True: @ready() was. False: time to sleep.
+    template <class Ready> bool until(Ready ready) noexcept {
+        while (again())
+            if (ready())
+                return true;
+        return false;
+    }
+
+  private:
+    bool again() noexcept;
+    std::atomic<uint64_t> &last_ns_;
+    uint64_t begin_;
+    uint32_t rounds_ = 0;
+};
+
 // ---- a descriptor with an owner -------------------------------------------------------------------------
 struct qel_fd {
     qel_fd() = default;

@@ -23,18 +23,18 @@
 constexpr size_t rx_bytes_max = 66000;    // what TIPC accepts; more than a message ever has
 constexpr size_t rx_control_bytes = 1096; // error, 1024 bytes of returned data, name
 constexpr uint32_t msg_len_max = QEL_MSG_HDR_LEN + QEL_MSG_DATA_MAX;
+constexpr size_t rx_copied_below = 1024;
 constexpr int poll_ms = 2000;
 
 static struct {
-    // A message object: the datagram goes where the header stands, so that it can be looked at as it lies.
-    alignas(16) unsigned char buffer[sizeof(qel_link) + rx_bytes_max];
+    // A message object with room for all that can come: the datagram goes where the header stands.
+    qel_msg *msg;
     alignas(cmsghdr) unsigned char control[rx_control_bytes];
     char name[16]; // of the thread
     pollfd *polls; // [0] topology, then one per application
     uint32_t app_count;
     uint32_t monitor_s, monitor_seq; // the pending monitor timer
 } rx;
-static_assert(sizeof rx.buffer == 66016);
 
 static void qel_rx_return(qel_app_mng *slot, unsigned char *data, size_t size) noexcept;
 
@@ -226,6 +226,29 @@ static void classify_msg(qel_app_mng *slot, uint32_t app_id, qel_msg *msg) noexc
     qel_enqueue_msg_dist(msg, slot->info);
 }
 
+static void make_room() noexcept {
+    rx.msg = static_cast<qel_msg *>(qel_malloc(sizeof(qel_link) + rx_bytes_max));
+}
+
+// The message of @size bytes that was received, in exactly as much memory: a small one is copied, a large one
+// cut to its size. New room is made at once: it then lies above the message, so that freeing that one does
+// not leave the heap with a free end, which malloc would give back to the system and page in again each time.
+static qel_msg *take_msg(size_t size) noexcept {
+    if (size < rx_copied_below) {
+        qel_msg *msg = qel_msg_alloc(static_cast<int32_t>(size - QEL_MSG_HDR_LEN), 0, 0);
+        QEL_ASSERT(msg != NULL);
+        memcpy(&msg->hdr, &rx.msg->hdr, size);
+        return msg;
+    }
+    qel_msg *msg = rx.msg;
+    auto *cut = static_cast<qel_msg *>(realloc(msg, sizeof(qel_link) + size));
+    if (cut)
+        msg = cut;
+    msg->link = {};
+    make_room();
+    return msg;
+}
+
 static void receive_data(qel_app_mng *slot, uint32_t app_id, unsigned char *data, size_t size) noexcept {
     auto *hdr = reinterpret_cast<qel_hdr *>(data);
     if (size >= QEL_MSG_HDR_LEN)
@@ -243,10 +266,7 @@ static void receive_data(qel_app_mng *slot, uint32_t app_id, unsigned char *data
         qel_fc_update_recv_exception(app_id);
         return;
     }
-    qel_msg *msg = qel_msg_alloc(static_cast<int32_t>(size - QEL_MSG_HDR_LEN), 0, 0);
-    QEL_ASSERT(msg != NULL);
-    memcpy(&msg->hdr, data, size);
-    classify_msg(slot, app_id, msg);
+    classify_msg(slot, app_id, take_msg(size));
 }
 
 // Walks the control records of a receive without data. True when the receive is to count as failed, with the
@@ -337,7 +357,9 @@ static void qel_rx_return(qel_app_mng *slot, unsigned char *data, size_t size) n
 void qel_rx_app_socket(uint32_t index) noexcept {
     qel_app_mng *slot = &g_qel_mng.apps[index];
     const uint32_t app_id = slot->app_id.load(std::memory_order_relaxed);
-    unsigned char *data = rx.buffer + sizeof(qel_link);
+    if (!rx.msg)
+        make_room();
+    auto *data = reinterpret_cast<unsigned char *>(&rx.msg->hdr);
     memset(data, 0, QEL_MSG_HDR_LEN); // a short datagram must not show the length of the one before
     iovec io = {data, rx_bytes_max};
     msghdr header{};

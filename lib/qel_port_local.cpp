@@ -379,11 +379,14 @@ static ssize_t send_datagram(qel_local_socket &s, const void *data, size_t len, 
         }
         const qel_lq_put put = qel_lq_write(t.q, meta, data, qel_lq_patience::bounded);
         const uint32_t node = t.node.load(std::memory_order_relaxed);
+        const bool ahead = put == qel_lq_put::ok && qel_lq_far_ahead(t.q);
         if (put == qel_lq_put::ok || put == qel_lq_put::broken)
             qel_local_target_wake(t); // the owner of a broken queue has to start it anew
         qel_local_target_end(t);
         switch (put) {
         case qel_lq_put::ok:
+            if (ahead)
+                (void)qel_give_way();
             return static_cast<ssize_t>(len);
         case qel_lq_put::full:
         case qel_lq_put::broken:
@@ -775,7 +778,15 @@ static int poll_sleeping(pollfd *fds, nfds_t count, int timeout_ms) {
 }
 
 static int local_poll(pollfd *fds, nfds_t count, int timeout_ms) {
-    const poll_scan scan = scan_queues(fds, count);
+    poll_scan scan = scan_queues(fds, count);
+    if (scan.ready == 0 && scan.first && timeout_ms != 0) {
+        qel_short_wait wait(scan.first->last_wait_ns);
+        if (!wait.until([&] {
+                scan = scan_queues(fds, count);
+                return scan.ready > 0;
+            }))
+            return poll_sleeping(fds, count, timeout_ms);
+    }
     if (scan.ready > 0) {
         if (scan.others == 0) {
             for (nfds_t i = 0; i < count; i++)

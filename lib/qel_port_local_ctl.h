@@ -59,6 +59,7 @@ struct qel_local_socket {
 
     // The receiving thread's.
     qel_lq_reader reader;
+    std::atomic<uint64_t> last_wait_ns{0};
     uint32_t polls = 0;       // since the other descriptors were looked at
     uint32_t events_seen = 0; // the page's event_count then
     uint64_t trim_at = 0;     // cost consumed beyond which an idle queue is worth trimming

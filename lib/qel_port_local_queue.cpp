@@ -57,9 +57,10 @@ static_assert(sizeof(std::atomic<uint32_t>) == 4);
 constexpr uint32_t lq_magic = 0x514C5131;
 constexpr uint32_t lq_version = 1;
 constexpr size_t lq_head_bytes = 4096;
-constexpr uint32_t lq_keep_free = 16;       // free blocks in circulation that nobody minds
-constexpr uint32_t lq_keep_resident = 128;  // retired blocks that keep their pages
-constexpr uint32_t lq_waiters = 0x80000000; // in the lower half of the lock word
+constexpr uint32_t lq_keep_free = 16;        // free blocks in circulation that nobody minds
+constexpr uint32_t lq_keep_resident = 128;   // retired blocks that keep their pages
+constexpr uint64_t lq_far_ahead = 512 << 10; // bytes; half of a processor's own cache these days
+constexpr uint32_t lq_waiters = 0x80000000;  // in the lower half of the lock word
 
 static uint32_t seq_of(uint64_t position) { return static_cast<uint32_t>(position / qel_lq_block_bytes); }
 static uint32_t offset_of(uint64_t position) { return static_cast<uint32_t>(position % qel_lq_block_bytes); }
@@ -502,6 +503,11 @@ qel_lq_put qel_lq_write(const qel_lq &q, const qel_lq_meta &meta, const void *da
     const qel_lq_put result = write_locked(q, meta, data);
     unlock_queue(q);
     return result;
+}
+
+bool qel_lq_far_ahead(const qel_lq &q) noexcept {
+    return q.shared->tail.load(std::memory_order_relaxed) - q.shared->head.load(std::memory_order_relaxed) >
+           lq_far_ahead;
 }
 
 uint64_t qel_lq_sleeper(const qel_lq &q) noexcept {

@@ -87,6 +87,10 @@ enum class qel_lq_patience {
 // Copies the message in. On ok the caller wakes the reader if qel_lq_sleeper() says so.
 qel_lq_put qel_lq_write(const qel_lq &q, const qel_lq_meta &meta, const void *data,
                         qel_lq_patience patience) noexcept;
+// So much lies unread that a writer does well to let the reader run, who may wait for this very processor:
+// what is read soon is still in a cache, and the blocks it lay in are written again before others are
+// touched.
+bool qel_lq_far_ahead(const qel_lq &q) noexcept;
 // Not 0: the reader sleeps, under this number, and is to be woken once per number.
 uint64_t qel_lq_sleeper(const qel_lq &q) noexcept;
 // No writer puts anything in after this. False when the lock could not be had (busy).

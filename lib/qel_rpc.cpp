@@ -16,6 +16,7 @@ struct qel_rpc_wait_mgmt {
     uint32_t app_id = 0;
     qel_cond cond; // some wait of the application changed; every caller sleeps on it
     qel_mutex mutex;
+    std::atomic<uint64_t> last_wait_ns{0}; // of any caller
     qel_list<qel_rpc_wait, offsetof(qel_rpc_wait, link)> waits QEL_GUARDED_BY(mutex);
 };
 
@@ -269,6 +270,15 @@ int32_t qel_rpc_wait_reply(uint32_t app_id, uint32_t seq) noexcept {
     qel_rpc_wait *wait = __qel_get_rpc_wait(rpc, seq);
     QEL_ASSERT(wait != NULL);
 
+    qel_short_wait shortly(rpc->last_wait_ns);
+    if (!all_replied(wait)) {
+        lock.unlock();
+        (void)shortly.until([&] {
+            const qel_lock look(rpc->mutex);
+            return all_replied(wait);
+        });
+        lock.lock();
+    }
     int64_t remaining_s = wait->timeout_s;
     int last = 0; // of the timed waits
     while (!all_replied(wait)) {
