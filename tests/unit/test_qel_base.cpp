@@ -598,6 +598,83 @@ TEST(base_hash, behaves_like_a_model_under_random_operations) {
 
 // ---- wire integers --------------------------------------------------------------------------------------
 
+// ---- short waits ----------------------------------------------------------------------------------------
+
+// A clock that goes on by @step with every look at it.
+static std::chrono::nanoseconds g_clock_now{0}, g_clock_step{0};
+static void clock_goes_by(std::chrono::nanoseconds step) {
+    static qel_sys table = g_qel_sys_native;
+    table.clock_gettime = [](clockid_t, timespec *now) {
+        now->tv_sec = g_clock_now / 1s;
+        now->tv_nsec = (g_clock_now % 1s).count();
+        g_clock_now += g_clock_step;
+        return 0;
+    };
+    g_qel_sys = &table;
+    g_clock_step = step;
+}
+static unsigned looks_in_vain(std::atomic<uint64_t> &last_ns) {
+    unsigned looks = 0;
+    qel_short_wait wait(last_ns);
+    EXPECT_FALSE(wait.until([&] {
+        looks++;
+        return false;
+    }));
+    return looks;
+}
+
+TEST(base_short_wait, what_is_there_at_a_later_look_is_taken) {
+    std::atomic<uint64_t> last_ns{0};
+    clock_goes_by(0ns);
+    unsigned looks = 0;
+    qel_short_wait wait(last_ns);
+    EXPECT_TRUE(wait.until([&] { return ++looks == 3; }));
+    EXPECT_EQ(looks, 3u);
+}
+
+TEST(base_short_wait, it_looks_for_ten_microseconds_and_often_enough_for_a_clock_that_stands) {
+    std::atomic<uint64_t> last_ns{0};
+    clock_goes_by(0ns);
+    EXPECT_EQ(looks_in_vain(last_ns), 50u);
+    clock_goes_by(1us); // three times for each look
+    EXPECT_EQ(looks_in_vain(last_ns), 3u);
+}
+
+TEST(base_short_wait, it_does_not_look_again_where_the_last_wait_was_a_long_one) {
+    std::atomic<uint64_t> last_ns{250'001};
+    clock_goes_by(1us);
+    EXPECT_EQ(looks_in_vain(last_ns), 0u);
+    EXPECT_EQ(last_ns, 1'000u) << "this one was short: the next looks";
+    EXPECT_GT(looks_in_vain(last_ns), 0u);
+}
+
+TEST(base_short_wait, its_length_is_noted_with_the_sleep_that_follows) {
+    std::atomic<uint64_t> last_ns{0};
+    clock_goes_by(0ns);
+    {
+        qel_short_wait wait(last_ns);
+        EXPECT_FALSE(wait.until([] { return false; }));
+        g_clock_now += 2s; // asleep
+    }
+    EXPECT_EQ(last_ns, 2'000'000'000u);
+    EXPECT_EQ(looks_in_vain(last_ns), 0u);
+}
+
+TEST(base_short_wait, a_turn_that_others_kept_for_long_is_not_given_away_for_ten_times_as_long) {
+    clock_goes_by(3ms); // passes while the turn is given away
+    EXPECT_TRUE(qel_give_way());
+    unsigned refused = 0;
+    while (!qel_give_way())
+        refused++;
+    EXPECT_EQ(refused, 8u) << "looks at 6, 9 ... 27 ms; the next is 30 ms behind the first";
+}
+
+TEST(base_short_wait, a_turn_of_two_milliseconds_is_nothing_unusual) {
+    clock_goes_by(2ms);
+    for (int i = 0; i < 10; i++)
+        EXPECT_TRUE(qel_give_way());
+}
+
 TEST(base_wire, numbers_are_big_endian_at_any_address) {
     unsigned char b[16] = {};
     for (size_t at = 0; at < 4; at++) {
