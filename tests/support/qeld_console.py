@@ -15,6 +15,7 @@ from qel_agents import BUILD, NodeError, SystemTest
 
 QELD = os.environ.get("QELD_BIN", os.path.join(BUILD, "qeld"))
 PROMPT = "(qel)"
+LOG_LINE = re.compile(r"<\w+, \d+> \d: [^\n]*\n")
 UNKNOWN = "% Unrecognized command."
 USAGE = """Usage:\x20
        qeld [options]
@@ -59,19 +60,19 @@ class Console:
         deadline = time.monotonic() + timeout
         proc = self.proc
         with proc.changed:
-            while not proc.text[self.read:].endswith(PROMPT):
+            while not LOG_LINE.sub("", self.since()).endswith(PROMPT):  # lines may come behind it
                 left = deadline - time.monotonic()
                 if proc.status is not None or left <= 0:
                     raise NodeError(f"{proc}: no prompt, status {proc.status}: {proc.text[self.read:]!r}")
                 proc.changed.wait(left)
-            text = self.since()
+            before, _, behind = self.since().rpartition(PROMPT)
             self.read = len(proc.text)
-        return text[:-len(PROMPT)]
+        return before + behind
 
     def say(self, line, timeout=10):
         """What a line makes it print, to the byte, without lines of the log."""
         self.proc.send(line)
-        text = re.sub(r"<\w+, \d+> \d: [^\n]*\n", "", self.until_prompt(timeout))
+        text = LOG_LINE.sub("", self.until_prompt(timeout))
         assert text.startswith(line + "\n"), (line, text)  # the echo
         return text[len(line) + 1:]
 
