@@ -204,7 +204,7 @@ void raw_ask(const std::string &what, size_t size, uint64_t count) {
         }
         handover h;
         std::thread server;
-        if (hand)
+        if (hand) {
             server = std::thread([&] {
                 for (uint64_t i = 0; i < count; i++) {
                     h.take();
@@ -212,6 +212,7 @@ void raw_ask(const std::string &what, size_t size, uint64_t count) {
                         _exit(1);
                 }
             });
+        }
         for (uint64_t i = 0; i < count; i++) {
             if (recv(fd[1], in.data(), in.size(), 0) <= 0)
                 _exit(1);
@@ -225,7 +226,7 @@ void raw_ask(const std::string &what, size_t size, uint64_t count) {
     });
     handover h;
     std::thread receiver;
-    if (hand)
+    if (hand) {
         receiver = std::thread([&] {
             for (uint64_t i = 0; i < count; i++) {
                 if (recv(fd[0], in.data(), in.size(), 0) <= 0)
@@ -233,6 +234,7 @@ void raw_ask(const std::string &what, size_t size, uint64_t count) {
                 h.give();
             }
         });
+    }
     for (uint64_t i = 0; i < count; i++) {
         const double start = now_s();
         if (there) {
@@ -335,7 +337,8 @@ void bus(const std::string &what, size_t size, uint64_t count) {
     if (what.starts_with("calls-")) {
         std::vector<std::thread> callers;
         std::atomic<int> bad{0};
-        for (int i = 0; i < 8; i++)
+        callers.reserve(8);
+        for (int i = 0; i < 8; i++) {
             callers.emplace_back([&] {
                 qel_msg *own = qel_msg_alloc(static_cast<int32_t>(size - QEL_MSG_HDR_LEN), 1, 0);
                 memset(qel_msg_data(own), 'x', size - QEL_MSG_HDR_LEN);
@@ -352,6 +355,7 @@ void bus(const std::string &what, size_t size, uint64_t count) {
                 }
                 free(own);
             });
+        }
         for (std::thread &t : callers)
             t.join();
         if (bad)
@@ -397,8 +401,8 @@ void idle() {
     char line[256];
     long kib = -1;
     while (status && fgets(line, sizeof line, status))
-        if (sscanf(line, "VmRSS: %ld", &kib) == 1)
-            break;
+        if (!strncmp(line, "VmRSS:", 6))
+            kib = strtol(line + 6, nullptr, 10);
     if (status)
         fclose(status);
     printf("{\"what\": \"idle\", \"rss_kib\": %ld}\n", kib);

@@ -983,7 +983,8 @@ struct qel_handshake_model : qel_node {
     // not expanded any more are run out.
     void explore(uint32_t crashes, uint32_t rejects, uint32_t early, size_t max_states) {
         std::unordered_map<std::string, size_t> known;
-        world w = empty_world();
+        static world w; // g_world shows it to the library
+        w = empty_world();
         w.crashes = from_env("QEL_MODEL_CRASHES", crashes);
         w.rejects = from_env("QEL_MODEL_RETURNS", rejects);
         w.early = from_env("QEL_MODEL_EARLY", early);
