@@ -1112,9 +1112,12 @@ TEST_F(local_port, scribbling_over_a_queue_crashes_neither_process_nor_fabric) {
 }
 
 int raw_connection() {
-    qel_fd dir(open(getenv("QEL_FABRIC"), O_PATH | O_CLOEXEC));
+    const char *path = getenv("QEL_FABRIC");
+    if (!path)
+        return -1;
+    qel_fd dir(open(path, O_PATH | O_CLOEXEC));
     sockaddr_un address;
-    qel_fabric_address(address, getenv("QEL_FABRIC"), dir.fd);
+    qel_fabric_address(address, path, dir.fd);
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     return fd;
