@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "qel_port.h"
+#include "qel_user_proxy.h"
 
 namespace {
 
@@ -91,19 +92,9 @@ void set_kind(std::vector<char> &message, kind k) {
     memcpy(message.data(), &word, sizeof word);
 }
 
-sockaddr_tipc name_of(uint32_t node) {
-    sockaddr_tipc name{};
-    name.family = AF_TIPC;
-    name.addrtype = TIPC_ADDR_NAME;
-    name.scope = TIPC_CLUSTER_SCOPE;
-    name.addr.name.name.type = name_type;
-    name.addr.name.name.instance = node;
-    return name;
-}
-
 void serve(uint32_t node) {
     endpoint e;
-    const sockaddr_tipc name = name_of(node);
+    const sockaddr_tipc name = qel_name_addr(name_type, node);
     if (e.port.bind(e.fd, reinterpret_cast<const sockaddr *>(&name), sizeof name) != 0)
         fail("bind");
     puts("serving");
@@ -130,7 +121,7 @@ void wait_for(endpoint &e, kind k) {
 
 void measure(uint32_t node, size_t size, uint64_t sends, uint64_t calls) {
     endpoint e;
-    const sockaddr_tipc to = name_of(node);
+    const sockaddr_tipc to = qel_name_addr(name_type, node);
     std::vector<char> message(std::max(size, sizeof(uint32_t)), 'x');
     uint64_t batches = 0;
     const double start = now_s();
